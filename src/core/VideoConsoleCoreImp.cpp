@@ -1,0 +1,52 @@
+#include "core/VideoConsoleCoreImp.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace VideoConsoleCore {
+
+namespace {
+constexpr size_t kInfoRecordSize = 40;
+}
+
+const char kStaticEmptyText[1] = "";
+
+std::atomic<VideoConsoleCoreImp*> g_VC_CorePointer{nullptr};
+
+// Constructed when the library is loaded, destroyed when it is unloaded.
+VideoConsoleCoreImp g_VC_Core;
+
+VideoConsoleCoreImp::VideoConsoleCoreImp() { g_VC_CorePointer = this; }
+
+VideoConsoleCoreImp::~VideoConsoleCoreImp() {
+    VideoConsoleCoreImp* self = this;
+    g_VC_CorePointer.compare_exchange_strong(self, nullptr);
+    std::free(m_infoRecord1);
+    std::free(m_infoRecord2);
+}
+
+bool VideoConsoleCoreImp::Initialize(const char* settingsPath) {
+    if (m_initialized) {
+        DebugOut("Already initialized!\n");
+        return false;
+    }
+    if (m_infoRecord2 == nullptr) {
+        m_infoRecord2 = static_cast<uint8_t*>(std::calloc(1, kInfoRecordSize));
+    }
+    m_settingsPath = settingsPath != nullptr ? settingsPath : "";
+    ReadSettings();
+
+    // Only an explicit "0" switches the file log off; a missing key reads as
+    // "" and so starts the logger.
+    if (Setting("EnableLocalLogging") != "0") {
+        StartLogger();
+    } else {
+        m_localLogging = false;
+    }
+    ApplyBurnAreaSetting();
+    DebugOut("Initialization successful!\n");
+    m_initialized = true;
+    return true;
+}
+
+}  // namespace VideoConsoleCore

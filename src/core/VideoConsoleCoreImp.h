@@ -1,0 +1,210 @@
+// The core object: all state of the library lives in one instance,
+// g_VC_Core, constructed when the library is loaded. The exported C functions
+// and the class interface are thin layers over it.
+//
+// The object takes no lock. The caller's thread drives it; worker threads
+// (firmware update, lights, polling) read and write the flags below, which
+// are atomics so that sharing them is well defined. Device state 3 ("update
+// running") is what keeps a second update, and queries, away from a running
+// update.
+//
+// Each subsystem adds its operations as member functions, defined in that
+// subsystem's folder (settings/, logging/, discovery/, device/, firmware/).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "KORVSDKDeviceTool.h"
+#include "settings/settings_file.h"
+
+namespace spdlog {
+class logger;
+}
+
+namespace VideoConsoleCore {
+
+enum DeviceState : uint32_t {
+    kDeviceStateNone = 0,      // no device in use
+    kDeviceStateSelected = 2,  // a device has been (re)selected
+    kDeviceStateUpdating = 3,  // a firmware update is running
+};
+
+// Guard texts written to the debugger output when a call is refused.
+inline constexpr const char* kMsgInitFirst = "Please Initialization First!  ->  KORVSDK_Init()\n";
+inline constexpr const char* kMsgSelectFirst =
+    "Please Select Device First!   ->  KORVSDK_Select_Device()\n";
+inline constexpr const char* kMsgScanFirst =
+    "Please Scan Device First!     ->  KORVSDK_Scan_DeviceList()\n";
+
+// Refusals while a firmware update is running, one per operation.
+inline constexpr const char* kRefuseSelect = "Cannot switch device when you update the firmware!\n";
+inline constexpr const char* kRefuseMcuInfo = "Cannot Get MCU Info when you update the firmware!\n";
+inline constexpr const char* kRefuseUsbFwVersion =
+    "Cannot Get USB FW Version when you update the firmware!\n";
+inline constexpr const char* kRefuseMcuFwVersion =
+    "Cannot Get MCU FW Version when you update the firmware!\n";
+inline constexpr const char* kRefuseSaveParameters =
+    "Cannot Save_Parameters when you update the firmware!\n";
+inline constexpr const char* kRefuseFileVersion =
+    "Cannot read FW File Version when you update the firmware!\n";
+inline constexpr const char* kRefuseSetFile = "Cannot set FW File when you update the firmware!\n";
+
+// Firmware file kinds.
+enum FirmwareKind : int { kFirmwareUsbHex = 0, kFirmwareMcuBin = 1 };
+
+// The library's static empty text. Device lists may point at it; the release
+// functions never free it.
+extern const char kStaticEmptyText[1];
+
+class VideoConsoleCoreImp {
+public:
+    VideoConsoleCoreImp();
+    virtual ~VideoConsoleCoreImp();
+    VideoConsoleCoreImp(const VideoConsoleCoreImp&) = delete;
+    VideoConsoleCoreImp& operator=(const VideoConsoleCoreImp&) = delete;
+
+    // ---- Start (core/) -------------------------------------------------
+    bool Initialize(const char* settingsPath);
+    void SwitchConsoleLogging(bool on) { m_consoleLogging = on; }
+    bool IsUpdating() const { return m_deviceState == kDeviceStateUpdating; }
+
+    // ---- Callback slots (core/callbacks.cpp) ---------------------------
+    int OpenScanListCallback(KORVSDK_ScanDeviceListCallback fn);
+    int OpenDeviceStateCallback(KORVSDK_DeviceStateCallback fn);
+    int OpenFwUpdateStateCallback(KORVSDK_DevFwUpdateStateCallback fn);
+    int CloseScanListCallback();
+    int CloseDeviceStateCallback();
+    int CloseFwUpdateStateCallback();
+    void SetDebugOutputHandler(KORVSDK_DebugOutputHandler handler) { m_debugHandler = handler; }
+    KORVSDK_ScanDeviceListCallback ScanListCallback() const { return m_scanListCallback; }
+    KORVSDK_DeviceStateCallback DeviceStateCallback() const { return m_deviceStateCallback; }
+    KORVSDK_DevFwUpdateStateCallback FwUpdateStateCallback() const {
+        return m_fwUpdateStateCallback;
+    }
+
+    // Fires the device-state callback, if one is registered, with a fresh
+    // zeroed record carrying `message` (when non-null) and `value`; the record
+    // and its texts are freed when the callback returns.
+    void NotifyDeviceState(const char* message, uint64_t value = 0);
+
+    // ---- Messages (core/messages.cpp) ----------------------------------
+    // Debugger channel, while console logging is on.
+    void DebugOut(std::string_view text) const;
+    // Debugger channel whatever the console-logging switch says.
+    void DebugOutAlways(std::string_view text) const;
+    // File channel at level info, while local logging is on; a trailing
+    // newline is dropped.
+    void LogInfo(std::string_view text) const;
+    // Both channels: the usual way a message is reported.
+    void Report(std::string_view text) const;
+
+    // ---- Guards (core/guards.cpp): each writes its message and returns
+    // false when the call must be refused.
+    bool RequireInitialized() const;
+    bool RequireScanned() const;
+    bool RequireSelected() const;
+    bool RequireNotUpdating(const char* refusal) const;
+    // Guard set "initialised, selected".
+    bool RequireDevice() const { return RequireInitialized() && RequireSelected(); }
+    // Guard set "initialised, selected, not updating".
+    bool RequireIdleDevice(const char* refusal) const {
+        return RequireDevice() && RequireNotUpdating(refusal);
+    }
+
+    // ---- Settings (settings/) ------------------------------------------
+    // Reads the settings file into the table, falling back to "setting.cfg"
+    // in the working directory.
+    void ReadSettings();
+    // Value of a key, "" when absent.
+    std::string Setting(const std::string& key);
+    // Integer value of a key, nullopt when absent or not a number.
+    std::optional<int> IntegerSetting(const std::string& key, int base);
+    // Sets the burn-area flags from USB_Burn_Area.
+    void ApplyBurnAreaSetting();
+
+    // ---- Logging (logging/) --------------------------------------------
+    void StartLogger();
+    std::string LogFilePath() const { return m_logFilePath; }
+
+    // ---- Device operations, one per export -----------------------------
+    // Discovery (discovery/)
+    bool ScanDeviceList(DeviceEntry** list, uint16_t* count);
+    bool SelectDevice(DeviceEntry* entry);
+    uint8_t GetDeviceUsbType();
+    // Versions, information and microcontroller (device/)
+    bool GetUsbFwVersion(std::string& text);
+    bool GetMcuFwVersion(std::string& text);
+    bool GetHdmiInfo();
+    bool GetMcuInfo();
+    bool GetUsbAppInfo();
+    bool CheckMcuOnBoard();
+    bool CheckAudioIcOnBoard();
+    bool SaveParameters();
+    bool EnterBootMode();
+    bool CheckBootMode();
+    // Audio and states (device/): direction 1 reads into *value, 0 writes it.
+    bool AudioAuxInMute(uint8_t* value, int direction);
+    bool AudioHpOutMute(uint8_t* value, int direction);
+    bool AudioMicInMute(uint8_t* value, int direction);
+    bool AudioAuxInVolume(uint8_t* value, int direction);
+    bool AudioHpOutVolume(uint8_t* value, int direction);
+    bool AudioMicInVolume(uint8_t* value, int direction);
+    bool GetHdmiVideoLocked(uint8_t* value);
+    bool GetHpMicPlugIn(uint8_t* value);
+    bool GetLineInPlugIn(uint8_t* value);
+    // Firmware and lights (firmware/)
+    bool SetFirmwareFile(const char* path, FirmwareKind kind);
+    bool GetFirmwareFileVersion(std::string& text, FirmwareKind kind);
+    bool StartUsbFwUpdate();
+    bool StartMcuFwUpdate();
+    bool SetGpioLed(uint8_t value);
+    bool SetUpdateGpioLedLights(uint8_t a, uint8_t b, uint16_t c);
+
+    // ---- Fields shared by several subsystems ---------------------------
+    std::atomic<uint32_t> m_deviceState{kDeviceStateNone};
+    SettingsTable m_settings;
+    std::shared_ptr<spdlog::logger> m_logger;
+    std::string m_logFilePath;
+    std::atomic<bool> m_pollingStopped{false};  // plug-in polling runs while false
+    std::atomic<bool> m_localLogging{true};
+    std::atomic<bool> m_progressSilenced{false};
+    std::atomic<bool> m_initialized{false};
+    std::atomic<bool> m_scanned{false};
+    std::atomic<bool> m_selected{false};
+    std::atomic<bool> m_deviceOpen{false};
+    uint8_t m_mcuI2cAddress = 0x1A;
+    std::atomic<uint8_t> m_usbType{0};  // 0 = not yet determined
+    std::atomic<bool> m_consoleLogging{true};
+    std::atomic<bool> m_probeInProgress{false};
+    std::string m_settingsPath;
+    std::atomic<bool> m_devicesPresent{false};
+    uint8_t m_i2cAccessDescriptors[9] = {0xFF, 0x00, 0xA0, 0x02, 0xFF, 0x00, 0xA0, 0x01, 0xFF};
+
+    // Burn areas of the USB firmware update (USB_Burn_Area).
+    bool m_doAreaEntire = true;
+    bool m_doAreaPartial = false;
+    bool m_doArea[3] = {true, false, false};
+
+    // Two 40-byte zeroed information records; the second is allocated by
+    // initialisation, both are replaced when selection finds no device.
+    uint8_t* m_infoRecord1 = nullptr;
+    uint8_t* m_infoRecord2 = nullptr;
+
+private:
+    std::atomic<KORVSDK_ScanDeviceListCallback> m_scanListCallback{nullptr};
+    std::atomic<KORVSDK_DeviceStateCallback> m_deviceStateCallback{nullptr};
+    std::atomic<KORVSDK_DevFwUpdateStateCallback> m_fwUpdateStateCallback{nullptr};
+    std::atomic<KORVSDK_DebugOutputHandler> m_debugHandler{nullptr};
+};
+
+// The one core object of the process, and the pointer to it that worker
+// threads use.
+extern VideoConsoleCoreImp g_VC_Core;
+extern std::atomic<VideoConsoleCoreImp*> g_VC_CorePointer;
+
+}  // namespace VideoConsoleCore

@@ -1,0 +1,63 @@
+// The three client callback slots. Registering never replaces a callback
+// that is already there; the client closes the slot first.
+#include <cstdlib>
+#include <cstring>
+
+#include "core/VideoConsoleCoreImp.h"
+
+namespace VideoConsoleCore {
+
+namespace {
+
+template <typename Fn>
+int OpenSlot(std::atomic<Fn>& slot, Fn fn) {
+    // An empty slot takes `fn`, even a null one; a taken slot keeps its own.
+    Fn expected = nullptr;
+    return slot.compare_exchange_strong(expected, fn) ? 1 : 0;
+}
+
+template <typename Fn>
+int CloseSlot(std::atomic<Fn>& slot) {
+    return slot.exchange(nullptr) != nullptr ? 1 : 0;
+}
+
+char* HeapCopy(const char* text) {
+    const size_t size = std::strlen(text) + 1;
+    char* copy = static_cast<char*>(std::malloc(size));
+    if (copy != nullptr) std::memcpy(copy, text, size);
+    return copy;
+}
+
+}  // namespace
+
+int VideoConsoleCoreImp::OpenScanListCallback(KORVSDK_ScanDeviceListCallback fn) {
+    return OpenSlot(m_scanListCallback, fn);
+}
+int VideoConsoleCoreImp::OpenDeviceStateCallback(KORVSDK_DeviceStateCallback fn) {
+    return OpenSlot(m_deviceStateCallback, fn);
+}
+int VideoConsoleCoreImp::OpenFwUpdateStateCallback(KORVSDK_DevFwUpdateStateCallback fn) {
+    return OpenSlot(m_fwUpdateStateCallback, fn);
+}
+int VideoConsoleCoreImp::CloseScanListCallback() { return CloseSlot(m_scanListCallback); }
+int VideoConsoleCoreImp::CloseDeviceStateCallback() { return CloseSlot(m_deviceStateCallback); }
+int VideoConsoleCoreImp::CloseFwUpdateStateCallback() {
+    return CloseSlot(m_fwUpdateStateCallback);
+}
+
+void VideoConsoleCoreImp::NotifyDeviceState(const char* message, uint64_t value) {
+    const KORVSDK_DeviceStateCallback callback = m_deviceStateCallback.load();
+    if (callback == nullptr) return;
+    auto* record = static_cast<DeviceStateInfo*>(std::calloc(1, sizeof(DeviceStateInfo)));
+    if (record == nullptr) return;
+    if (message != nullptr) record->message = HeapCopy(message);
+    record->value = value;
+    callback(record);
+    std::free(record->text0);
+    std::free(record->text1);
+    std::free(record->message);
+    std::free(record->text4);
+    std::free(record);
+}
+
+}  // namespace VideoConsoleCore
