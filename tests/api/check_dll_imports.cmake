@@ -1,0 +1,20 @@
+# The Windows DLL may import only DLLs that every Windows system has: the C
+# runtime, GCC's and the C++ runtime are linked in statically.
+execute_process(COMMAND ${TOOL} -p ${LIBRARY} OUTPUT_VARIABLE dump RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "${TOOL} failed on ${LIBRARY}")
+endif()
+string(REGEX MATCHALL "DLL Name: [^\n]+" rows "${dump}")
+set(allowed kernel32.dll msvcrt.dll shell32.dll ole32.dll user32.dll advapi32.dll
+            hid.dll setupapi.dll cfgmgr32.dll)
+set(bad "")
+foreach(row IN LISTS rows)
+  string(REPLACE "DLL Name: " "" dll "${row}")
+  string(TOLOWER "${dll}" dll)
+  if(NOT dll IN_LIST allowed)
+    list(APPEND bad ${dll})
+  endif()
+endforeach()
+if(bad)
+  message(FATAL_ERROR "the DLL depends on non-system DLLs: ${bad}")
+endif()
