@@ -1,0 +1,440 @@
+// The Linux HID backend against a synthetic sysfs and fake hidraw devices
+// (see fake_hidraw.h); no hardware involved.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+
+#include "hid/backend/linux/descriptor_outline.h"
+#include "hid/backend/linux/linux_hidraw_backend.h"
+#include "platform_hid/linux/fake_hidraw.h"
+#include "support/test_support.h"
+
+// Found by argument lookup, so beside the record.
+namespace VideoConsoleCore::hid {
+bool operator==(const UsbDeviceInfo& a, const UsbDeviceInfo& b) {
+    return a.instanceId == b.instanceId && a.busReportedDescription == b.busReportedDescription;
+}
+void PrintTo(const UsbDeviceInfo& info, std::ostream* out) {
+    *out << "{" << info.instanceId << ", \"" << info.busReportedDescription << "\"}";
+}
+}  // namespace VideoConsoleCore::hid
+
+namespace {
+
+using namespace VideoConsoleCore::hid;
+using korvsdk_test::Attributes;
+using korvsdk_test::FakeHidDevice;
+using korvsdk_test::kFakeDevRoot;
+
+constexpr auto kReadTimeout = std::chrono::milliseconds(50);
+
+// Vendor collection with report IDs: input 1, output 2, feature 3.
+const std::vector<uint8_t> kNumberedDescriptor = {
+    0x06, 0x00, 0xFF, 0x09, 0x01, 0xA1, 0x01,              // vendor page, Collection (Application)
+    0x15, 0x00, 0x26, 0xFF, 0x00, 0x75, 0x08, 0x95, 0x3F,  // 0..255, 8 bits, 63 of them
+    0x85, 0x01, 0x09, 0x01, 0x81, 0x02,                    // Report ID 1, Input
+    0x85, 0x02, 0x09, 0x02, 0x91, 0x02,                    // Report ID 2, Output
+    0x85, 0x03, 0x09, 0x03, 0xB1, 0x02,                    // Report ID 3, Feature
+    0xC0};
+// The same without report IDs.
+const std::vector<uint8_t> kUnnumberedDescriptor = {
+    0x06, 0x00, 0xFF, 0x09, 0x01, 0xA1, 0x01, 0x15, 0x00, 0x26, 0xFF, 0x00,
+    0x75, 0x08, 0x95, 0x3F, 0x09, 0x01, 0x81, 0x02, 0xC0};
+// Two top-level collections, the first with a nested one.
+const std::vector<uint8_t> kTwoCollectionDescriptor = {
+    0x05, 0x01, 0x09, 0x06, 0xA1, 0x01,                    // keyboard, Collection (Application)
+    0xA1, 0x00, 0x75, 0x08, 0x95, 0x01, 0x81, 0x03, 0xC0,  //   Collection (Physical) ... End
+    0xC0,                                                  // End Collection
+    0x06, 0x00, 0xFF, 0x09, 0x01, 0xA1, 0x01,              // vendor, Collection (Application)
+    0x85, 0x05, 0x75, 0x08, 0x95, 0x07, 0x09, 0x01, 0xB1, 0x02, 0xC0};
+
+std::shared_ptr<FakeHidDevice> MakeDevice(const std::vector<uint8_t>& descriptor,
+                                          uint16_t vid = 0xFFF0, uint16_t pid = 0x0001) {
+    auto device = std::make_shared<FakeHidDevice>();
+    device->descriptor = descriptor;
+    device->vendorId = vid;
+    device->productId = pid;
+    return device;
+}
+
+std::u16string WideString(const std::vector<uint8_t>& bytes) {
+    std::u16string text(bytes.size() / 2, u'\0');
+    std::memcpy(text.data(), bytes.data(), text.size() * 2);
+    return text.substr(0, text.find(u'\0'));
+}
+
+class LinuxHidraw : public ::testing::Test {
+protected:
+    // A capture device on port 1-2 with one HID interface; returns its node.
+    std::string AddCaptureDevice(const std::vector<uint8_t>& descriptor, Attributes attributes = {}) {
+        Attributes all = {{"idVendor", "fff0"}, {"idProduct", "0001"}, {"serial", "SN0042"},
+                          {"bcdDevice", "0213"}, {"speed", "480"}};
+        all.insert(all.end(), attributes.begin(), attributes.end());
+        usbDevice = sysfs.AddUsb("1-2", all);
+        usbInterface = sysfs.AddUsb("1-2:1.0", {{"bInterfaceNumber", "00"}}, usbDevice);
+        device = MakeDevice(descriptor);
+        return sysfs.AddHidraw(usbInterface, "hidraw0", device);
+    }
+
+    HidHandle OpenCaptureDevice(const std::vector<uint8_t>& descriptor = kNumberedDescriptor,
+                                Attributes attributes = {}) {
+        const HidHandle handle = backend.Open(AddCaptureDevice(descriptor, std::move(attributes)));
+        EXPECT_NE(handle, kInvalidHidHandle);
+        return handle;
+    }
+
+    std::vector<UsbDeviceInfo> UsbDevices() {
+        std::vector<UsbDeviceInfo> found;
+        EXPECT_TRUE(backend.EnumerateUsbDevices(found));
+        return found;
+    }
+
+    korvsdk_test::FakeSysfs sysfs;  // before the backend: it outlives every open node
+    LinuxHidrawBackend backend{"/sys", kFakeDevRoot, kReadTimeout};
+    std::shared_ptr<FakeHidDevice> device;
+    std::string usbDevice, usbInterface;
+};
+
+using Entries = std::vector<UsbDeviceInfo>;
+
+// ---- USB enumeration ----------------------------------------------------------
+
+TEST_F(LinuxHidraw, UsbDevicesInWindowsInstanceIdForm) {
+    sysfs.AddUsb("usb1", {{"idVendor", "1d6b"}, {"idProduct", "0002"}});  // root hub: left out
+    const auto single = sysfs.AddUsb(
+        "1-2", {{"idVendor", "fff0"}, {"idProduct", "0a1b"}, {"serial", "SN0042"}, {"product", "HDMI Capture"}});
+    sysfs.AddUsb("1-2:1.0", {{"bInterfaceNumber", "00"}}, single);
+    // A composite device, its interfaces added out of order; the 0x0a shows
+    // that MI_ is hexadecimal, the audio one has an interface string.
+    const auto composite = sysfs.AddUsb(
+        "1-3", {{"idVendor", "abcd"}, {"idProduct", "ef01"}, {"serial", "C0MP"}, {"product", "Dock"}});
+    sysfs.AddUsb("1-3:1.10", {{"bInterfaceNumber", "0a"}}, composite);
+    sysfs.AddUsb("1-3:1.0", {{"bInterfaceNumber", "00"}}, composite);
+    sysfs.AddUsb("1-3:1.2", {{"bInterfaceNumber", "02"}, {"interface", "Audio"}}, composite);
+
+    EXPECT_EQ(UsbDevices(), (Entries{{"USB\\VID_FFF0&PID_0A1B\\SN0042", "HDMI Capture"},
+                                     {"USB\\VID_ABCD&PID_EF01\\C0MP", "Dock"},
+                                     {"USB\\VID_ABCD&PID_EF01&MI_00\\1-3:1.0", "Dock"},
+                                     {"USB\\VID_ABCD&PID_EF01&MI_02\\1-3:1.2", "Audio"},
+                                     {"USB\\VID_ABCD&PID_EF01&MI_0A\\1-3:1.10", "Dock"}}));
+}
+
+TEST_F(LinuxHidraw, SerialStandInAndBadAttributes) {
+    // Serials Windows would not use in an instance ID give way to the sysfs name.
+    sysfs.AddUsb("1-4", {{"idVendor", "0001"}, {"idProduct", "0002"}});
+    sysfs.AddUsb("1-5", {{"idVendor", "0001"}, {"idProduct", "0003"}, {"serial", "AB,12"}});
+    sysfs.AddUsb("1-6", {{"idVendor", "0001"}, {"idProduct", "0004"}, {"serial", ""}});
+    // IDs that cannot be read drop the device.
+    sysfs.AddUsb("1-7", {{"idVendor", "zzzz"}, {"idProduct", "0001"}});
+    sysfs.AddUsb("1-8", {{"idVendor", "0001"}, {"idProduct", ""}});
+    sysfs.AddUsb("1-9", {{"idVendor", "12345"}, {"idProduct", "0001"}});
+    sysfs.AddUsb("1-10", {{"idProduct", "0001"}});
+    // An unreadable serial gives the stand-in, a missing product "".
+    const auto unreadable = sysfs.AddUsb("1-11", {{"idVendor", "0001"}, {"idProduct", "0005"}});
+    sysfs.MakeUnreadable(unreadable, "serial");
+    // Interface numbers that cannot be read come from the interface's name.
+    const auto composite = sysfs.AddUsb("1-12", {{"idVendor", "0001"}, {"idProduct", "0006"}});
+    sysfs.AddUsb("1-12:1.0", {{"bInterfaceNumber", "xy"}}, composite);
+    sysfs.AddUsb("1-12:1.1", {}, composite);
+
+    EXPECT_EQ(UsbDevices(), (Entries{{"USB\\VID_0001&PID_0005\\1-11", ""},
+                                     {"USB\\VID_0001&PID_0006\\1-12", ""},
+                                     {"USB\\VID_0001&PID_0006&MI_00\\1-12:1.0", ""},
+                                     {"USB\\VID_0001&PID_0006&MI_01\\1-12:1.1", ""},
+                                     {"USB\\VID_0001&PID_0002\\1-4", ""},
+                                     {"USB\\VID_0001&PID_0003\\1-5", ""},
+                                     {"USB\\VID_0001&PID_0004\\1-6", ""}}));
+}
+
+// umockdev always shows the program a /sys; a missing or empty sysfs needs a
+// plain folder as the sysfs root instead (the preload leaves /tmp alone).
+TEST(LinuxHidrawWithoutUmockdev, MissingSysfsFailsSysfsWithoutUsbIsEmpty) {
+    korvsdk_test::TempFolder folder;
+    std::vector<UsbDeviceInfo> devices{{"stale", ""}};
+    std::vector<std::string> paths{"stale"};
+
+    LinuxHidrawBackend none((folder.path() / "sys").string(), "/dev");
+    EXPECT_FALSE(none.EnumerateUsbDevices(devices));
+    EXPECT_FALSE(none.EnumerateHidInterfaces(paths));
+    EXPECT_EQ(none.UsbPortLevel("fff0", "0001", "SN0042"), -1);
+
+    std::filesystem::create_directories(folder.path() / "sys" / "devices");
+    LinuxHidrawBackend bare((folder.path() / "sys").string(), "/dev");
+    EXPECT_TRUE(bare.EnumerateUsbDevices(devices));
+    EXPECT_TRUE(devices.empty());
+    EXPECT_TRUE(bare.EnumerateHidInterfaces(paths));
+    EXPECT_TRUE(paths.empty());
+}
+
+// ---- Port level -------------------------------------------------------------
+
+TEST_F(LinuxHidraw, PortLevelFromSpeedOrUsb3Peer) {
+    sysfs.AddUsb("2-1", {{"idVendor", "fff0"}, {"idProduct", "0001"}, {"serial", "A"}, {"speed", "5000"}});
+    const auto paired = sysfs.AddUsb(
+        "1-2", {{"idVendor", "fff0"}, {"idProduct", "0001"}, {"serial", "B"}, {"speed", "480"}});
+    sysfs.SetLink(paired, "port/peer", "../../../usb2/2-0:1.0/usb2-port2");
+    sysfs.AddUsb("1-3", {{"idVendor", "fff0"}, {"idProduct", "0001"}, {"serial", "C"}, {"speed", "480"}});
+    sysfs.AddUsb("1-4", {{"idVendor", "fff0"}, {"idProduct", "0001"}, {"serial", "D"}, {"speed", "1.5"}});
+    sysfs.AddUsb("1-5", {{"idVendor", "fff0"}, {"idProduct", "0001"}, {"speed", "fast"}});
+
+    EXPECT_EQ(backend.UsbPortLevel("FFF0", "0001", "A"), 3);
+    EXPECT_EQ(backend.UsbPortLevel("FFF0", "0001", "B"), 3);
+    EXPECT_EQ(backend.UsbPortLevel("FFF0", "0001", "C"), 2);
+    EXPECT_EQ(backend.UsbPortLevel("FFF0", "0001", "D"), 2);
+    // Found by its stand-in serial, with an unreadable speed.
+    EXPECT_EQ(backend.UsbPortLevel("fff0", "0001", "1-5"), 2);
+    // Instance IDs ignore case; different IDs or serial are another device.
+    EXPECT_EQ(backend.UsbPortLevel("fff0", "0001", "c"), 2);
+    EXPECT_EQ(backend.UsbPortLevel("FFF0", "0002", "A"), -1);
+    EXPECT_EQ(backend.UsbPortLevel("FFF1", "0001", "A"), -1);
+    EXPECT_EQ(backend.UsbPortLevel("FFF0", "0001", "E"), -1);
+    EXPECT_EQ(backend.UsbPortLevel("VID", "0001", "A"), -1);
+}
+
+// ---- HID interfaces, open and close -----------------------------------------
+
+TEST_F(LinuxHidraw, OnePathPerTopLevelCollection) {
+    const auto usb = sysfs.AddUsb("1-2", {{"idVendor", "fff0"}, {"idProduct", "0001"}});
+    const auto first = sysfs.AddUsb("1-2:1.0", {{"bInterfaceNumber", "00"}}, usb);
+    const auto second = sysfs.AddUsb("1-2:1.1", {{"bInterfaceNumber", "01"}}, usb);
+    const auto third = sysfs.AddUsb("1-2:1.2", {{"bInterfaceNumber", "02"}}, usb);
+    sysfs.AddHidraw(first, "hidraw10", MakeDevice(kNumberedDescriptor));
+    sysfs.AddHidraw(second, "hidraw0", MakeDevice(kTwoCollectionDescriptor));
+    sysfs.AddHidraw(third, "hidraw9", MakeDevice(kUnnumberedDescriptor));
+
+    std::vector<std::string> paths;
+    ASSERT_TRUE(backend.EnumerateHidInterfaces(paths));
+    const std::string dev = kFakeDevRoot;
+    ASSERT_EQ(paths, (std::vector<std::string>{dev + "/hidraw0", dev + "/hidraw0&col02",
+                                               dev + "/hidraw9", dev + "/hidraw10"}));
+
+    // Both paths of hidraw0 read its whole descriptor and tell the collection.
+    for (int index : {0, 1}) {
+        const HidHandle handle = backend.Open(paths[index]);
+        ASSERT_NE(handle, kInvalidHidHandle);
+        std::vector<uint8_t> descriptor;
+        int collection = -1;
+        ASSERT_TRUE(backend.ReadReportDescriptor(handle, descriptor, collection));
+        EXPECT_EQ(descriptor, kTwoCollectionDescriptor);
+        EXPECT_EQ(collection, index);
+        backend.Close(handle);
+    }
+}
+
+TEST_F(LinuxHidraw, NodeGoneBeforeOpenOrWhileOpen) {
+    const std::string node = AddCaptureDevice(kNumberedDescriptor);
+    const HidHandle before = backend.Open(node);
+    ASSERT_NE(before, kInvalidHidHandle);
+    std::vector<std::string> paths;
+    ASSERT_TRUE(backend.EnumerateHidInterfaces(paths));
+    ASSERT_EQ(paths, std::vector<std::string>{node});
+
+    {
+        std::lock_guard lock(device->mutex);
+        device->unplugged = true;
+    }
+    sysfs.Remove(usbDevice, node);
+    EXPECT_EQ(backend.Open(paths[0]), kInvalidHidHandle);
+    EXPECT_EQ(backend.Open(std::string(kFakeDevRoot) + "/hidraw77"), kInvalidHidHandle);
+
+    // The handle opened before the unplug fails cleanly, then closes.
+    uint8_t report[8] = {1};
+    uint32_t done = 0;
+    HiddAttributes attributes{};
+    EXPECT_FALSE(backend.GetInputReport(before, report, sizeof report));
+    EXPECT_FALSE(backend.Read(before, report, sizeof report, done));
+    EXPECT_FALSE(backend.GetAttributes(before, attributes));
+    backend.Close(before);
+
+    // A closed or never-opened handle is refused, not followed.
+    EXPECT_FALSE(backend.SetOutputReport(before, report, sizeof report));
+    EXPECT_FALSE(backend.Write(kInvalidHidHandle, report, sizeof report, done));
+    backend.Close(before);
+    backend.Close(kInvalidHidHandle);
+}
+
+// ---- Reports ----------------------------------------------------------------
+
+TEST_F(LinuxHidraw, OutputAndInputReportsThroughControlIoctls) {
+    const HidHandle handle = OpenCaptureDevice();
+    std::vector<uint8_t> output(64);
+    for (size_t at = 0; at < output.size(); ++at) output[at] = static_cast<uint8_t>(at * 3);
+    output[0] = 2;
+    ASSERT_TRUE(backend.SetOutputReport(handle, output.data(), static_cast<uint32_t>(output.size())));
+
+    // An input request whose length word carries command 0x12 in its high
+    // byte: the buffer is as long as the word says, the device sees that
+    // length and fills all of it.
+    const uint16_t lengthWord = (0x12 << 8) | 0x40;
+    std::vector<uint8_t> input(lengthWord, 0);
+    input[0] = 1;
+    ASSERT_TRUE(backend.GetInputReport(handle, input.data(), lengthWord));
+    for (size_t at = 1; at < input.size(); ++at)
+        ASSERT_EQ(input[at], korvsdk_test::InputPattern(1, at)) << "byte " << at;
+
+    // A buffer longer than an ioctl can describe is refused unsent.
+    std::vector<uint8_t> tooLong(0x4000, 0);
+    tooLong[0] = 1;
+    EXPECT_FALSE(backend.GetInputReport(handle, tooLong.data(), static_cast<uint32_t>(tooLong.size())));
+
+    const auto requests = device->Requests();
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[0].number, 0x0Bu);
+    EXPECT_EQ(requests[0].bytes, output);
+    EXPECT_EQ(requests[1].number, 0x0Au);
+    EXPECT_EQ(requests[1].length, lengthWord);
+    EXPECT_EQ(requests[1].bytes[0], 1);
+    backend.Close(handle);
+}
+
+TEST_F(LinuxHidraw, FeatureReports) {
+    const HidHandle handle = OpenCaptureDevice();
+    uint8_t set[8] = {3, 0xDE, 0xAD, 0xBE, 0xEF, 5, 6, 7};
+    ASSERT_TRUE(backend.SetFeature(handle, set, sizeof set));
+
+    uint8_t got[8] = {3};
+    ASSERT_TRUE(backend.GetFeature(handle, got, sizeof got));
+    EXPECT_EQ(0, std::memcmp(got, set, sizeof set));
+    uint8_t missing[8] = {9};  // the device stalls a report it does not have
+    EXPECT_FALSE(backend.GetFeature(handle, missing, sizeof missing));
+    EXPECT_FALSE(backend.SetFeature(handle, set, 0));
+
+    const auto requests = device->Requests();
+    ASSERT_EQ(requests.size(), 3u);
+    EXPECT_EQ(requests[0].number, 0x06u);
+    EXPECT_EQ(requests[1].number, 0x07u);
+    EXPECT_EQ(requests[1].length, sizeof got);
+    backend.Close(handle);
+}
+
+TEST_F(LinuxHidraw, ReadWriteAndFlush) {
+    const HidHandle handle = OpenCaptureDevice();
+    const uint8_t out[4] = {2, 0x10, 0x20, 0x30};
+    uint32_t done = 0;
+    ASSERT_TRUE(backend.Write(handle, out, sizeof out, done));
+    EXPECT_EQ(done, sizeof out);
+    {
+        std::lock_guard lock(device->mutex);
+        ASSERT_EQ(device->written.size(), 1u);
+        EXPECT_EQ(device->written[0], std::vector<uint8_t>(out, out + sizeof out));
+        device->inputQueue = {{1, 0xAA, 0xBB}, {1, 0xCC}, {1, 0xDD}, {1, 0xEE}};
+    }
+
+    uint8_t in[16] = {};
+    ASSERT_TRUE(backend.Read(handle, in, sizeof in, done));
+    EXPECT_EQ(done, 3u);
+    EXPECT_EQ(in[0], 1);
+    EXPECT_EQ(in[2], 0xBB);
+
+    // Flush discards the three still queued; Read then waits out its
+    // timeout and fails with nothing read.
+    ASSERT_TRUE(backend.FlushQueue(handle));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(backend.Read(handle, in, sizeof in, done));
+    EXPECT_EQ(done, 0u);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, kReadTimeout);
+    backend.Close(handle);
+}
+
+TEST_F(LinuxHidraw, UnnumberedInputReportsGetReportIdZero) {
+    const HidHandle handle = OpenCaptureDevice(kUnnumberedDescriptor);
+    {
+        std::lock_guard lock(device->mutex);
+        device->inputQueue = {{0x41, 0x42}};
+    }
+    uint8_t in[8] = {0xFF, 0xFF, 0xFF, 0xFF};
+    uint32_t done = 0;
+    ASSERT_TRUE(backend.Read(handle, in, sizeof in, done));
+    EXPECT_EQ(done, 3u);
+    EXPECT_EQ(in[0], 0);
+    EXPECT_EQ(in[1], 0x41);
+    EXPECT_EQ(in[2], 0x42);
+    backend.Close(handle);
+}
+
+// ---- Attributes, strings, buffers -------------------------------------------
+
+TEST_F(LinuxHidraw, AttributesFromRawInfoAndBcdDevice) {
+    // The IDs in sysfs and from the kernel differ here only to show which
+    // one each field comes from.
+    const HidHandle handle = OpenCaptureDevice(kNumberedDescriptor, {{"idVendor", "1111"}});
+    HiddAttributes attributes{};
+    ASSERT_TRUE(backend.GetAttributes(handle, attributes));
+    EXPECT_EQ(attributes.Size, sizeof(HiddAttributes));
+    EXPECT_EQ(attributes.VendorID, 0xFFF0);
+    EXPECT_EQ(attributes.ProductID, 0x0001);
+    EXPECT_EQ(attributes.VersionNumber, 0x0213);
+    backend.Close(handle);
+}
+
+TEST_F(LinuxHidraw, UsbStringsAsUtf16) {
+    // U+00FC and U+20AC are one UTF-16 unit each, U+1F600 two.
+    const std::string product = "Capture \xC3\xBC\xE2\x82\xAC\xF0\x9F\x98\x80";
+    const HidHandle handle = OpenCaptureDevice(kNumberedDescriptor, {{"product", product}});
+    const std::u16string expected = u"Capture \u00FC\u20AC\U0001F600";
+    const uint32_t fits = static_cast<uint32_t>((expected.size() + 1) * 2);
+
+    std::vector<uint8_t> buffer(fits + 8, 0xFF);
+    ASSERT_TRUE(backend.GetProductString(handle, buffer.data(), fits));
+    EXPECT_EQ(WideString(buffer), expected);
+    EXPECT_EQ(buffer[fits - 2], 0);  // terminated
+    EXPECT_EQ(buffer[fits - 1], 0);
+    EXPECT_EQ(buffer[fits], 0xFF);  // and nothing written past it
+    EXPECT_FALSE(backend.GetProductString(handle, buffer.data(), fits - 1));
+
+    ASSERT_TRUE(backend.GetSerialNumberString(handle, buffer.data(), 64));
+    EXPECT_EQ(WideString(buffer), u"SN0042");
+    EXPECT_FALSE(backend.GetManufacturerString(handle, buffer.data(), 64));  // the device has none
+
+    // hidraw has no way to ask for these.
+    EXPECT_FALSE(backend.GetIndexedString(handle, 1, buffer.data(), 64));
+    EXPECT_FALSE(backend.GetPhysicalDescriptor(handle, buffer.data(), 64));
+    EXPECT_FALSE(backend.GetMsGenreDescriptor(handle, buffer.data(), 64));
+    backend.Close(handle);
+}
+
+TEST_F(LinuxHidraw, NumInputBuffersPerHandle) {
+    const HidHandle first = OpenCaptureDevice();
+    const HidHandle second = backend.Open(std::string(kFakeDevRoot) + "/hidraw0");
+    ASSERT_NE(second, kInvalidHidHandle);
+    uint32_t count = 0;
+    ASSERT_TRUE(backend.GetNumInputBuffers(first, count));
+    EXPECT_EQ(count, 32u);
+    EXPECT_TRUE(backend.SetNumInputBuffers(first, 2));
+    EXPECT_TRUE(backend.SetNumInputBuffers(first, 512));
+    EXPECT_FALSE(backend.SetNumInputBuffers(first, 1));
+    EXPECT_FALSE(backend.SetNumInputBuffers(first, 513));
+    ASSERT_TRUE(backend.GetNumInputBuffers(first, count));
+    EXPECT_EQ(count, 512u);
+    ASSERT_TRUE(backend.GetNumInputBuffers(second, count));
+    EXPECT_EQ(count, 32u);
+    backend.Close(first);
+    backend.Close(second);
+}
+
+// ---- Descriptor outline -----------------------------------------------------
+
+TEST(DescriptorOutline, CountsTopLevelCollectionsAndReportIds) {
+    const auto two = OutlineReportDescriptor(kTwoCollectionDescriptor.data(), kTwoCollectionDescriptor.size());
+    EXPECT_EQ(two.topLevelCollections, 2);  // the nested one does not count
+    EXPECT_TRUE(two.numberedReports);
+    const auto plain = OutlineReportDescriptor(kUnnumberedDescriptor.data(), kUnnumberedDescriptor.size());
+    EXPECT_EQ(plain.topLevelCollections, 1);
+    EXPECT_FALSE(plain.numberedReports);
+
+    // A long item's data is skipped whole, even when it looks like items.
+    const std::vector<uint8_t> longItem = {0xFE, 0x04, 0xF0, 0xA1, 0x01, 0x85, 0x01,
+                                           0xA1, 0x01, 0xC0};
+    const auto skipped = OutlineReportDescriptor(longItem.data(), longItem.size());
+    EXPECT_EQ(skipped.topLevelCollections, 1);
+    EXPECT_FALSE(skipped.numberedReports);
+
+    // A long item cut off before its size byte ends the walk; what came
+    // before it still counts (the sanitizer build checks the bounds).
+    const std::vector<uint8_t> cut = {0xA1, 0x01, 0xC0, 0xFE};
+    EXPECT_EQ(OutlineReportDescriptor(cut.data(), cut.size()).topLevelCollections, 1);
+}
+
+}  // namespace
