@@ -9,7 +9,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
   wine wine64
-  umockdev libumockdev-dev
+  umockdev libumockdev-dev pkg-config
   clang libclang-rt-14-dev
 )
 
