@@ -64,7 +64,7 @@ void ExerciseReports(const TopLevelCollection& tlc, ReportType type, uint32_t se
     std::vector<uint8_t> report(layout.byteLength);
     std::vector<uint8_t> values(seed % 64);
     for (uint8_t id : layout.reportIds) {
-        Check(InitializeReportForID(type, id, tlc, report) == HIDP_STATUS_SUCCESS,
+        Check(InitializeReportForID(type, id, tlc, report) == kHidpStatusSuccess,
               "existing report not initialised");
         Check(report[0] == id, "report ID byte");
         for (const ControlCaps& c : layout.caps) {
@@ -79,11 +79,11 @@ void ExerciseReports(const TopLevelCollection& tlc, ReportType type, uint32_t se
             Check(set == get, "set and get disagree");
             const ControlCaps* target = FirstCovering(layout, c, usage, id);
             if (target == nullptr) {
-                Check(set != HIDP_STATUS_SUCCESS, "value set without a capability");
+                Check(set != kHidpStatusSuccess, "value set without a capability");
             } else if (!target->IsRange && target->ReportCount > 1) {
-                Check(set == HIDP_STATUS_IS_VALUE_ARRAY, "value array not refused");
+                Check(set == kHidpStatusIsValueArray, "value array not refused");
             } else {
-                Check(set == HIDP_STATUS_SUCCESS, "value not set");
+                Check(set == kHidpStatusSuccess, "value not set");
                 const uint32_t mask =
                     target->BitSize >= 32 ? 0xFFFFFFFFu : (1u << target->BitSize) - 1;
                 Check(back == (value & mask), "value does not read back");
@@ -110,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (size_t i = 0; i < size && i < 4; ++i) seed = seed << 8 | data[i];
     for (const TopLevelCollection& tlc : parsed.collections) {
         Caps caps;
-        Check(GetCaps(tlc, caps) == HIDP_STATUS_SUCCESS, "GetCaps");
+        Check(GetCaps(tlc, caps) == kHidpStatusSuccess, "GetCaps");
         Check(caps.NumberLinkCollectionNodes == tlc.linkCollections.size(), "node count");
         for (ReportType type : {ReportType::Input, ReportType::Output, ReportType::Feature}) {
             CheckLayout(tlc, type);

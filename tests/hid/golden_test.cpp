@@ -120,7 +120,7 @@ TEST_P(GoldenCase, CollectionUsageMatches) {
 
 TEST_P(GoldenCase, ReportByteLengths) {
     Caps caps;
-    ASSERT_EQ(GetCaps(*m_tlc, caps), HIDP_STATUS_SUCCESS);
+    ASSERT_EQ(GetCaps(*m_tlc, caps), kHidpStatusSuccess);
     EXPECT_EQ(caps.InputReportByteLength, m_pp.CapsInfo(0).Get("ReportByteLength"));
     EXPECT_EQ(caps.OutputReportByteLength, m_pp.CapsInfo(1).Get("ReportByteLength"));
     EXPECT_EQ(caps.FeatureReportByteLength, m_pp.CapsInfo(2).Get("ReportByteLength"));
@@ -130,7 +130,7 @@ TEST_P(GoldenCase, ReportByteLengths) {
 // HidP_GetValueCaps' list, field by field, in Windows' order.
 TEST_P(GoldenCase, ValueCapsInWindowsOrder) {
     Caps caps;
-    ASSERT_EQ(GetCaps(*m_tlc, caps), HIDP_STATUS_SUCCESS);
+    ASSERT_EQ(GetCaps(*m_tlc, caps), kHidpStatusSuccess);
     const uint16_t counts[] = {caps.NumberInputValueCaps, caps.NumberOutputValueCaps,
                                caps.NumberFeatureValueCaps};
     for (int t = 0; t < 3; ++t) {
@@ -140,7 +140,7 @@ TEST_P(GoldenCase, ValueCapsInWindowsOrder) {
         std::vector<ValueCaps> got(expected.size() + 1);
         size_t n = 0;
         const NtStatus status = GetValueCaps(kTypes[t], got, n, *m_tlc);
-        EXPECT_EQ(status, expected.empty() ? HIDP_STATUS_USAGE_NOT_FOUND : HIDP_STATUS_SUCCESS);
+        EXPECT_EQ(status, expected.empty() ? kHidpStatusUsageNotFound : kHidpStatusSuccess);
         ASSERT_EQ(n, expected.size());
         for (size_t i = 0; i < n; ++i) {
             SCOPED_TRACE("value cap " + std::to_string(i));
@@ -211,12 +211,12 @@ TEST_P(GoldenCase, AllCapsFieldByField) {
 TEST_P(GoldenCase, LinkCollectionNodes) {
     const int64_t count = m_pp.Record("").Get("NumberLinkCollectionNodes");
     Caps caps;
-    ASSERT_EQ(GetCaps(*m_tlc, caps), HIDP_STATUS_SUCCESS);
+    ASSERT_EQ(GetCaps(*m_tlc, caps), kHidpStatusSuccess);
     EXPECT_EQ(caps.NumberLinkCollectionNodes, count);
 
     std::vector<LinkCollectionNode> nodes(static_cast<size_t>(count));
     size_t n = 0;
-    ASSERT_EQ(GetLinkCollectionNodes(nodes, n, *m_tlc), HIDP_STATUS_SUCCESS);
+    ASSERT_EQ(GetLinkCollectionNodes(nodes, n, *m_tlc), kHidpStatusSuccess);
     ASSERT_EQ(n, nodes.size());
     for (size_t i = 0; i < n; ++i) {
         SCOPED_TRACE("link collection " + std::to_string(i));

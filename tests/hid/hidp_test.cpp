@@ -44,7 +44,7 @@ protected:
 
     Bytes Report(ReportType type, uint8_t id) const {
         Bytes report(m_tlc.Layout(type).byteLength, 0xEE);
-        EXPECT_EQ(InitializeReportForID(type, id, m_tlc, report), HIDP_STATUS_SUCCESS);
+        EXPECT_EQ(InitializeReportForID(type, id, m_tlc, report), kHidpStatusSuccess);
         return report;
     }
 
@@ -53,7 +53,7 @@ protected:
 
 TEST_F(Hidp, GetCapsCountsCapsAndDataIndices) {
     Caps caps;
-    ASSERT_EQ(GetCaps(m_tlc, caps), HIDP_STATUS_SUCCESS);
+    ASSERT_EQ(GetCaps(m_tlc, caps), kHidpStatusSuccess);
     EXPECT_EQ(caps.UsagePage, kDesktop);
     EXPECT_EQ(caps.Usage, 0x04);
     EXPECT_EQ(caps.InputReportByteLength, 5);
@@ -70,18 +70,18 @@ TEST_F(Hidp, GetCapsCountsCapsAndDataIndices) {
 TEST_F(Hidp, FieldsAcrossByteBoundariesKeepTheirNeighbours) {
     Bytes report = Report(ReportType::Input, 1);
     ASSERT_EQ(SetUsageValue(ReportType::Input, kDesktop, 0, kX, 0xABC, m_tlc, report),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     ASSERT_EQ(SetUsageValue(ReportType::Input, kDesktop, 0, kY, 0x123, m_tlc, report),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     EXPECT_EQ(report, (Bytes{0x01, 0xBC, 0x3A, 0x12, 0x00}));
     // Only the low 12 bits are stored.
     ASSERT_EQ(SetUsageValue(ReportType::Input, kDesktop, 0, kX, 0xFFFFF, m_tlc, report),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     uint32_t x = 0, y = 0;
     EXPECT_EQ(GetUsageValue(ReportType::Input, kDesktop, 0, kX, x, m_tlc, report),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     EXPECT_EQ(GetUsageValue(ReportType::Input, kDesktop, 0, kY, y, m_tlc, report),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     EXPECT_EQ(x, 0xFFFu);
     EXPECT_EQ(y, 0x123u);
 }
@@ -89,7 +89,7 @@ TEST_F(Hidp, FieldsAcrossByteBoundariesKeepTheirNeighbours) {
 TEST_F(Hidp, UsageInARangeNamesItsOwnField) {
     Bytes report = Report(ReportType::Output, 3);
     ASSERT_EQ(SetUsageValue(ReportType::Output, kDesktop, 0, 0x51, 7, m_tlc, report),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     EXPECT_EQ(report[2], 7);
     EXPECT_EQ(report[1], 0);
     EXPECT_EQ(report[3], 0);
@@ -105,12 +105,12 @@ TEST_F(Hidp, InitializeReportSetsIdAndNullValues) {
 
     Bytes report(5);
     EXPECT_EQ(InitializeReportForID(ReportType::Input, 3, m_tlc, report),
-              HIDP_STATUS_REPORT_DOES_NOT_EXIST);
+              kHidpStatusReportDoesNotExist);
     EXPECT_EQ(InitializeReportForID(ReportType::Feature, 1, m_tlc, {}),
-              HIDP_STATUS_REPORT_DOES_NOT_EXIST);
+              kHidpStatusReportDoesNotExist);
     report.resize(4);
     EXPECT_EQ(InitializeReportForID(ReportType::Input, 1, m_tlc, report),
-              HIDP_STATUS_INVALID_REPORT_LENGTH);
+              kHidpStatusInvalidReportLength);
 }
 
 TEST(HidpNoReportIds, ReportsStillStartWithAZeroIdByte) {
@@ -123,10 +123,10 @@ TEST(HidpNoReportIds, ReportsStillStartWithAZeroIdByte) {
     ASSERT_TRUE(parsed.Ok()) << parsed.error;
     const TopLevelCollection& tlc = parsed.collections[0];
     Bytes report(3, 0xEE);
-    ASSERT_EQ(InitializeReportForID(ReportType::Input, 0, tlc, report), HIDP_STATUS_SUCCESS);
+    ASSERT_EQ(InitializeReportForID(ReportType::Input, 0, tlc, report), kHidpStatusSuccess);
     EXPECT_EQ(report, (Bytes{0, 0, 0}));
     EXPECT_EQ(SetUsageValue(ReportType::Input, kDesktop, 0, kX, 0x85, tlc, report),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     EXPECT_EQ(report, (Bytes{0, 0, 0x85}));
 }
 
@@ -138,28 +138,28 @@ TEST_F(Hidp, StatusCodes) {
         return GetUsageValue(type, page, link, usage, value, m_tlc, r);
     };
     EXPECT_EQ(get(static_cast<ReportType>(3), kDesktop, 0, kX, report),
-              HIDP_STATUS_INVALID_REPORT_TYPE);
-    EXPECT_EQ(get(ReportType::Input, kDesktop, 0, kX, Bytes(4)), HIDP_STATUS_INVALID_REPORT_LENGTH);
-    EXPECT_EQ(get(ReportType::Input, kDesktop, 0, kX, Bytes(6)), HIDP_STATUS_INVALID_REPORT_LENGTH);
-    EXPECT_EQ(get(ReportType::Input, kDesktop, 0, 0x99, report), HIDP_STATUS_USAGE_NOT_FOUND);
-    EXPECT_EQ(get(ReportType::Input, 0x09, 0, 0x01, report), HIDP_STATUS_USAGE_NOT_FOUND);  // button
-    EXPECT_EQ(get(ReportType::Input, 0x02, 0, kX, report), HIDP_STATUS_USAGE_NOT_FOUND);
-    EXPECT_EQ(get(ReportType::Feature, kDesktop, 0, kX, {}), HIDP_STATUS_USAGE_NOT_FOUND);
+              kHidpStatusInvalidReportType);
+    EXPECT_EQ(get(ReportType::Input, kDesktop, 0, kX, Bytes(4)), kHidpStatusInvalidReportLength);
+    EXPECT_EQ(get(ReportType::Input, kDesktop, 0, kX, Bytes(6)), kHidpStatusInvalidReportLength);
+    EXPECT_EQ(get(ReportType::Input, kDesktop, 0, 0x99, report), kHidpStatusUsageNotFound);
+    EXPECT_EQ(get(ReportType::Input, 0x09, 0, 0x01, report), kHidpStatusUsageNotFound);  // button
+    EXPECT_EQ(get(ReportType::Input, 0x02, 0, kX, report), kHidpStatusUsageNotFound);
+    EXPECT_EQ(get(ReportType::Feature, kDesktop, 0, kX, {}), kHidpStatusUsageNotFound);
     // Y and the hat live in report 1 only.
     const Bytes report2 = Report(ReportType::Input, 2);
-    EXPECT_EQ(get(ReportType::Input, kDesktop, 0, kY, report2), HIDP_STATUS_INCOMPATIBLE_REPORT_ID);
+    EXPECT_EQ(get(ReportType::Input, kDesktop, 0, kY, report2), kHidpStatusIncompatibleReportId);
     EXPECT_EQ(get(ReportType::Input, kDesktop, 0, kHat, report2),
-              HIDP_STATUS_INCOMPATIBLE_REPORT_ID);
+              kHidpStatusIncompatibleReportId);
     Bytes writable = report2;
     EXPECT_EQ(SetUsageValue(ReportType::Input, kDesktop, 0, kY, 1, m_tlc, writable),
-              HIDP_STATUS_INCOMPATIBLE_REPORT_ID);
+              kHidpStatusIncompatibleReportId);
     EXPECT_EQ(writable, report2);
 
     TopLevelCollection unparsed;
     Caps caps;
-    EXPECT_EQ(GetCaps(unparsed, caps), HIDP_STATUS_INVALID_PREPARSED_DATA);
+    EXPECT_EQ(GetCaps(unparsed, caps), kHidpStatusInvalidPreparsedData);
     EXPECT_EQ(GetUsageValue(ReportType::Input, kDesktop, 0, kX, value, unparsed, report),
-              HIDP_STATUS_INVALID_PREPARSED_DATA);
+              kHidpStatusInvalidPreparsedData);
 }
 
 TEST_F(Hidp, LinkCollectionSelectsBetweenEqualUsages) {
@@ -168,27 +168,27 @@ TEST_F(Hidp, LinkCollectionSelectsBetweenEqualUsages) {
     uint32_t value = 0;
     // Link 0 finds the X of whichever report the buffer holds.
     EXPECT_EQ(GetUsageValue(ReportType::Input, kDesktop, 0, kX, value, m_tlc, report2),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     EXPECT_EQ(value, 0x80u);
     EXPECT_EQ(GetUsageValue(ReportType::Input, kDesktop, 1, kX, value, m_tlc, report1),
-              HIDP_STATUS_INCOMPATIBLE_REPORT_ID);
+              kHidpStatusIncompatibleReportId);
     EXPECT_EQ(GetUsageValue(ReportType::Input, kDesktop, 2, kX, value, m_tlc, report2),
-              HIDP_STATUS_USAGE_NOT_FOUND);
+              kHidpStatusUsageNotFound);
 }
 
 TEST_F(Hidp, ValueArraysOnlyThroughTheArrayFunctions) {
     Bytes report = Report(ReportType::Input, 2);
     uint32_t value = 0;
     EXPECT_EQ(GetUsageValue(ReportType::Input, kDesktop, 0, kVector, value, m_tlc, report),
-              HIDP_STATUS_IS_VALUE_ARRAY);
+              kHidpStatusIsValueArray);
     EXPECT_EQ(SetUsageValue(ReportType::Input, kDesktop, 0, kVector, 1, m_tlc, report),
-              HIDP_STATUS_IS_VALUE_ARRAY);
+              kHidpStatusIsValueArray);
     const std::array<uint8_t, 2> two = {0x21, 0x43};
     EXPECT_EQ(SetUsageValueArray(ReportType::Input, kDesktop, 0, kX, two, m_tlc, report),
-              HIDP_STATUS_NOT_VALUE_ARRAY);
+              kHidpStatusNotValueArray);
     Bytes out3 = Report(ReportType::Output, 3);
     EXPECT_EQ(SetUsageValueArray(ReportType::Output, kDesktop, 0, 0x50, two, m_tlc, out3),
-              HIDP_STATUS_NOT_VALUE_ARRAY);  // a range is no array
+              kHidpStatusNotValueArray);  // a range is no array
 }
 
 TEST_F(Hidp, ValueArrayPackingAndBufferLength) {
@@ -196,62 +196,62 @@ TEST_F(Hidp, ValueArrayPackingAndBufferLength) {
     // Four 4-bit values need two bytes.
     const std::array<uint8_t, 1> one = {0x21};
     EXPECT_EQ(SetUsageValueArray(ReportType::Input, kDesktop, 0, kVector, one, m_tlc, report),
-              HIDP_STATUS_BUFFER_TOO_SMALL);
+              kHidpStatusBufferTooSmall);
     // Five values 1..5 offered: only the four fields are written, X (null
     // 0x80 at bits 28..35) keeps its value.
     const std::array<uint8_t, 3> five = {0x21, 0x43, 0x05};
     ASSERT_EQ(SetUsageValueArray(ReportType::Input, kDesktop, 0, kVector, five, m_tlc, report),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     EXPECT_EQ(report, (Bytes{0x02, 0x10, 0x32, 0x04, 0x08}));
 
     std::array<uint8_t, 3> back = {0xEE, 0xEE, 0xEE};
     ASSERT_EQ(GetUsageValueArray(ReportType::Input, kDesktop, 0, kVector, back, m_tlc, report),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     EXPECT_EQ(back, (std::array<uint8_t, 3>{0x21, 0x43, 0xEE}));
     std::array<uint8_t, 1> small = {};
     EXPECT_EQ(GetUsageValueArray(ReportType::Input, kDesktop, 0, kVector, small, m_tlc, report),
-              HIDP_STATUS_BUFFER_TOO_SMALL);
+              kHidpStatusBufferTooSmall);
     EXPECT_EQ(GetUsageValueArray(ReportType::Input, kDesktop, 0, kVector, back, m_tlc,
                                  Report(ReportType::Input, 1)),
-              HIDP_STATUS_INCOMPATIBLE_REPORT_ID);
+              kHidpStatusIncompatibleReportId);
 }
 
 TEST_F(Hidp, CapsQueriesFilterAndReportShortBuffers) {
     std::vector<ValueCaps> caps(8);
     size_t n = 0;
     EXPECT_EQ(GetSpecificValueCaps(ReportType::Input, kDesktop, 0, kX, caps, n, m_tlc),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     ASSERT_EQ(n, 2u);
     EXPECT_EQ(caps[0].ReportID, 1);
     EXPECT_EQ(caps[1].ReportID, 2);
     EXPECT_EQ(GetSpecificValueCaps(ReportType::Input, 0, 1, 0, caps, n, m_tlc),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     ASSERT_EQ(n, 1u);
     EXPECT_EQ(caps[0].LinkUsage, 0x01);
     EXPECT_EQ(GetSpecificValueCaps(ReportType::Output, 0, 0, 0x51, caps, n, m_tlc),
-              HIDP_STATUS_SUCCESS);
+              kHidpStatusSuccess);
     EXPECT_EQ(n, 1u);  // inside the range 0x50..0x52
     EXPECT_EQ(GetSpecificValueCaps(ReportType::Input, 0, 0, 0x99, caps, n, m_tlc),
-              HIDP_STATUS_USAGE_NOT_FOUND);
+              kHidpStatusUsageNotFound);
     EXPECT_EQ(n, 0u);
-    EXPECT_EQ(GetValueCaps(ReportType::Feature, caps, n, m_tlc), HIDP_STATUS_USAGE_NOT_FOUND);
+    EXPECT_EQ(GetValueCaps(ReportType::Feature, caps, n, m_tlc), kHidpStatusUsageNotFound);
     EXPECT_EQ(GetValueCaps(static_cast<ReportType>(7), caps, n, m_tlc),
-              HIDP_STATUS_INVALID_REPORT_TYPE);
+              kHidpStatusInvalidReportType);
 
     std::vector<ValueCaps> one(1);
     EXPECT_EQ(GetSpecificValueCaps(ReportType::Input, kDesktop, 0, kX, one, n, m_tlc),
-              HIDP_STATUS_BUFFER_TOO_SMALL);
+              kHidpStatusBufferTooSmall);
     EXPECT_EQ(n, 1u);
     EXPECT_EQ(one[0].ReportID, 1);
 
     std::vector<ButtonCaps> buttons(2);
-    EXPECT_EQ(GetButtonCaps(ReportType::Input, buttons, n, m_tlc), HIDP_STATUS_SUCCESS);
+    EXPECT_EQ(GetButtonCaps(ReportType::Input, buttons, n, m_tlc), kHidpStatusSuccess);
     ASSERT_EQ(n, 1u);
     EXPECT_EQ(buttons[0].UsagePage, 0x09);
     EXPECT_EQ(buttons[0].UsageMax, 4);
 
     std::vector<LinkCollectionNode> nodes(1);
-    EXPECT_EQ(GetLinkCollectionNodes(nodes, n, m_tlc), HIDP_STATUS_BUFFER_TOO_SMALL);
+    EXPECT_EQ(GetLinkCollectionNodes(nodes, n, m_tlc), kHidpStatusBufferTooSmall);
     EXPECT_EQ(n, 2u);
 }
 

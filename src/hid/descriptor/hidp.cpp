@@ -17,16 +17,16 @@ bool ValidType(ReportType type) {
 
 // Checks shared by every routine that takes a report type.
 NtStatus CheckCollectionAndType(const TopLevelCollection& collection, ReportType type) {
-    if (!collection.valid) return HIDP_STATUS_INVALID_PREPARSED_DATA;
-    if (!ValidType(type)) return HIDP_STATUS_INVALID_REPORT_TYPE;
-    return HIDP_STATUS_SUCCESS;
+    if (!collection.valid) return kHidpStatusInvalidPreparsedData;
+    if (!ValidType(type)) return kHidpStatusInvalidReportType;
+    return kHidpStatusSuccess;
 }
 
 NtStatus CheckReport(const TopLevelCollection& collection, ReportType type, size_t reportLength) {
     const NtStatus status = CheckCollectionAndType(collection, type);
-    if (status != HIDP_STATUS_SUCCESS) return status;
-    if (reportLength != collection.Layout(type).byteLength) return HIDP_STATUS_INVALID_REPORT_LENGTH;
-    return HIDP_STATUS_SUCCESS;
+    if (status != kHidpStatusSuccess) return status;
+    if (reportLength != collection.Layout(type).byteLength) return kHidpStatusInvalidReportLength;
+    return kHidpStatusSuccess;
 }
 
 bool UsageMatches(const ControlCaps& caps, uint16_t usagePage, uint16_t linkCollection,
@@ -42,7 +42,7 @@ NtStatus GetSpecificCaps(bool buttons, ReportType type, uint16_t usagePage,
                          size_t& count, const TopLevelCollection& collection) {
     count = 0;
     const NtStatus status = CheckCollectionAndType(collection, type);
-    if (status != HIDP_STATUS_SUCCESS) return status;
+    if (status != kHidpStatusSuccess) return status;
     size_t matches = 0;
     for (const ControlCaps& caps : collection.Layout(type).caps) {
         if (caps.IsButton != buttons || !UsageMatches(caps, usagePage, linkCollection, usage)) {
@@ -51,8 +51,8 @@ NtStatus GetSpecificCaps(bool buttons, ReportType type, uint16_t usagePage,
         if (matches < buffer.size()) buffer[count++] = caps;
         ++matches;
     }
-    if (matches == 0) return HIDP_STATUS_USAGE_NOT_FOUND;
-    return matches > buffer.size() ? HIDP_STATUS_BUFFER_TOO_SMALL : HIDP_STATUS_SUCCESS;
+    if (matches == 0) return kHidpStatusUsageNotFound;
+    return matches > buffer.size() ? kHidpStatusBufferTooSmall : kHidpStatusSuccess;
 }
 
 std::vector<ControlCaps> CapsOf(const TopLevelCollection& collection, ReportType type,
@@ -91,9 +91,9 @@ NtStatus FindValue(ReportType type, uint16_t usagePage, uint16_t linkCollection,
         }
         field.caps = &caps;
         field.bitPosition = caps.BitPosition + index * caps.BitSize;
-        return HIDP_STATUS_SUCCESS;
+        return kHidpStatusSuccess;
     }
-    return otherReport ? HIDP_STATUS_INCOMPATIBLE_REPORT_ID : HIDP_STATUS_USAGE_NOT_FOUND;
+    return otherReport ? kHidpStatusIncompatibleReportId : kHidpStatusUsageNotFound;
 }
 
 bool IsValueArray(const ValueCaps& caps) { return !caps.IsRange && caps.ReportCount > 1; }
@@ -121,7 +121,7 @@ uint32_t NullValue(const ValueCaps& caps) {
 
 NtStatus GetCaps(const TopLevelCollection& collection, Caps& caps) {
     caps = Caps{};
-    if (!collection.valid) return HIDP_STATUS_INVALID_PREPARSED_DATA;
+    if (!collection.valid) return kHidpStatusInvalidPreparsedData;
     caps.Usage = collection.usage;
     caps.UsagePage = collection.usagePage;
     caps.InputReportByteLength = collection.Layout(ReportType::Input).byteLength;
@@ -146,7 +146,7 @@ NtStatus GetCaps(const TopLevelCollection& collection, Caps& caps) {
         for (const ControlCaps& c : layout.caps) ++(caps.*(c.IsButton ? counts[t].buttons : counts[t].values));
         caps.*counts[t].indices = layout.dataIndexCount;
     }
-    return HIDP_STATUS_SUCCESS;
+    return kHidpStatusSuccess;
 }
 
 NtStatus GetSpecificValueCaps(ReportType type, uint16_t usagePage, uint16_t linkCollection,
@@ -174,12 +174,12 @@ NtStatus GetButtonCaps(ReportType type, std::span<ButtonCaps> buffer, size_t& co
 NtStatus GetLinkCollectionNodes(std::span<LinkCollectionNode> buffer, size_t& count,
                                 const TopLevelCollection& collection) {
     count = 0;
-    if (!collection.valid) return HIDP_STATUS_INVALID_PREPARSED_DATA;
+    if (!collection.valid) return kHidpStatusInvalidPreparsedData;
     const auto& nodes = collection.linkCollections;
     count = nodes.size();
-    if (buffer.size() < nodes.size()) return HIDP_STATUS_BUFFER_TOO_SMALL;
+    if (buffer.size() < nodes.size()) return kHidpStatusBufferTooSmall;
     std::copy(nodes.begin(), nodes.end(), buffer.begin());
-    return HIDP_STATUS_SUCCESS;
+    return kHidpStatusSuccess;
 }
 
 std::vector<ValueCaps> ValueCapsOf(const TopLevelCollection& collection, ReportType type) {
@@ -193,10 +193,10 @@ std::vector<ButtonCaps> ButtonCapsOf(const TopLevelCollection& collection, Repor
 NtStatus InitializeReportForID(ReportType type, uint8_t reportId,
                                const TopLevelCollection& collection, std::span<uint8_t> report) {
     const NtStatus status = CheckReport(collection, type, report.size());
-    if (status != HIDP_STATUS_SUCCESS) return status;
+    if (status != kHidpStatusSuccess) return status;
     const ReportTypeLayout& layout = collection.Layout(type);
     if (!std::binary_search(layout.reportIds.begin(), layout.reportIds.end(), reportId)) {
-        return HIDP_STATUS_REPORT_DOES_NOT_EXIST;
+        return kHidpStatusReportDoesNotExist;
     }
     std::fill(report.begin(), report.end(), uint8_t{0});
     report[0] = reportId;
@@ -211,23 +211,23 @@ NtStatus InitializeReportForID(ReportType type, uint8_t reportId,
             WriteBits(report, caps.BitPosition + i * caps.BitSize, caps.BitSize, null);
         }
     }
-    return HIDP_STATUS_SUCCESS;
+    return kHidpStatusSuccess;
 }
 
 NtStatus SetUsageValue(ReportType type, uint16_t usagePage, uint16_t linkCollection,
                        uint16_t usage, uint32_t value, const TopLevelCollection& collection,
                        std::span<uint8_t> report) {
     NtStatus status = CheckReport(collection, type, report.size());
-    if (status != HIDP_STATUS_SUCCESS) return status;
+    if (status != kHidpStatusSuccess) return status;
     ValueField field;
     status = FindValue(type, usagePage, linkCollection, usage, collection, report, field);
-    if (status != HIDP_STATUS_SUCCESS) return status;
-    if (IsValueArray(*field.caps)) return HIDP_STATUS_IS_VALUE_ARRAY;
+    if (status != kHidpStatusSuccess) return status;
+    if (IsValueArray(*field.caps)) return kHidpStatusIsValueArray;
     if (!FitsInReport(field.bitPosition, field.caps->BitSize, report.size())) {
-        return HIDP_STATUS_INVALID_REPORT_LENGTH;
+        return kHidpStatusInvalidReportLength;
     }
     WriteBits(report, field.bitPosition, field.caps->BitSize, value);
-    return HIDP_STATUS_SUCCESS;
+    return kHidpStatusSuccess;
 }
 
 NtStatus GetUsageValue(ReportType type, uint16_t usagePage, uint16_t linkCollection,
@@ -235,16 +235,16 @@ NtStatus GetUsageValue(ReportType type, uint16_t usagePage, uint16_t linkCollect
                        std::span<const uint8_t> report) {
     value = 0;
     NtStatus status = CheckReport(collection, type, report.size());
-    if (status != HIDP_STATUS_SUCCESS) return status;
+    if (status != kHidpStatusSuccess) return status;
     ValueField field;
     status = FindValue(type, usagePage, linkCollection, usage, collection, report, field);
-    if (status != HIDP_STATUS_SUCCESS) return status;
-    if (IsValueArray(*field.caps)) return HIDP_STATUS_IS_VALUE_ARRAY;
+    if (status != kHidpStatusSuccess) return status;
+    if (IsValueArray(*field.caps)) return kHidpStatusIsValueArray;
     if (!FitsInReport(field.bitPosition, field.caps->BitSize, report.size())) {
-        return HIDP_STATUS_INVALID_REPORT_LENGTH;
+        return kHidpStatusInvalidReportLength;
     }
     value = ReadBits(report, field.bitPosition, field.caps->BitSize);
-    return HIDP_STATUS_SUCCESS;
+    return kHidpStatusSuccess;
 }
 
 namespace {
@@ -254,18 +254,18 @@ NtStatus FindValueArray(ReportType type, uint16_t usagePage, uint16_t linkCollec
                         uint16_t usage, size_t valuesLength, const TopLevelCollection& collection,
                         std::span<const uint8_t> report, const ValueCaps*& caps) {
     NtStatus status = CheckReport(collection, type, report.size());
-    if (status != HIDP_STATUS_SUCCESS) return status;
+    if (status != kHidpStatusSuccess) return status;
     ValueField field;
     status = FindValue(type, usagePage, linkCollection, usage, collection, report, field);
-    if (status != HIDP_STATUS_SUCCESS) return status;
-    if (!IsValueArray(*field.caps)) return HIDP_STATUS_NOT_VALUE_ARRAY;
+    if (status != kHidpStatusSuccess) return status;
+    if (!IsValueArray(*field.caps)) return kHidpStatusNotValueArray;
     const uint64_t bits = uint64_t{field.caps->BitSize} * field.caps->ReportCount;
-    if (valuesLength < (bits + 7) / 8) return HIDP_STATUS_BUFFER_TOO_SMALL;
+    if (valuesLength < (bits + 7) / 8) return kHidpStatusBufferTooSmall;
     if (!FitsInReport(field.caps->BitPosition, bits, report.size())) {
-        return HIDP_STATUS_INVALID_REPORT_LENGTH;
+        return kHidpStatusInvalidReportLength;
     }
     caps = field.caps;
-    return HIDP_STATUS_SUCCESS;
+    return kHidpStatusSuccess;
 }
 
 }  // namespace
@@ -276,13 +276,13 @@ NtStatus SetUsageValueArray(ReportType type, uint16_t usagePage, uint16_t linkCo
     const ValueCaps* caps = nullptr;
     const NtStatus status = FindValueArray(type, usagePage, linkCollection, usage, values.size(),
                                            collection, report, caps);
-    if (status != HIDP_STATUS_SUCCESS) return status;
+    if (status != kHidpStatusSuccess) return status;
     for (uint32_t i = 0; i < caps->ReportCount; ++i) {
         const uint32_t offset = i * caps->BitSize;
         WriteBits(report, caps->BitPosition + offset, caps->BitSize,
                   ReadBits(values, offset, caps->BitSize));
     }
-    return HIDP_STATUS_SUCCESS;
+    return kHidpStatusSuccess;
 }
 
 NtStatus GetUsageValueArray(ReportType type, uint16_t usagePage, uint16_t linkCollection,
@@ -292,13 +292,13 @@ NtStatus GetUsageValueArray(ReportType type, uint16_t usagePage, uint16_t linkCo
     const ValueCaps* caps = nullptr;
     const NtStatus status = FindValueArray(type, usagePage, linkCollection, usage, values.size(),
                                            collection, report, caps);
-    if (status != HIDP_STATUS_SUCCESS) return status;
+    if (status != kHidpStatusSuccess) return status;
     for (uint32_t i = 0; i < caps->ReportCount; ++i) {
         const uint32_t offset = i * caps->BitSize;
         WriteBits(values, offset, caps->BitSize,
                   ReadBits(report, caps->BitPosition + offset, caps->BitSize));
     }
-    return HIDP_STATUS_SUCCESS;
+    return kHidpStatusSuccess;
 }
 
 }  // namespace VideoConsoleCore::hid

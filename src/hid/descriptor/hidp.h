@@ -3,24 +3,24 @@
 //
 // Each function mirrors the HidP_ routine of the same name: same argument
 // order (the collection stands for the preparsed data), same NTSTATUS
-// results (hidp_status.h). Buffers are spans: their size is the length
+// results (the status codes of hid/hid_types.h). Buffers are spans: their size is the length
 // argument of the Windows routine.
 //
 // Common rules:
 //  - a default-constructed (unparsed) collection gives
-//    HIDP_STATUS_INVALID_PREPARSED_DATA, a report type other than
-//    Input/Output/Feature HIDP_STATUS_INVALID_REPORT_TYPE;
+//    kHidpStatusInvalidPreparsedData, a report type other than
+//    Input/Output/Feature kHidpStatusInvalidReportType;
 //  - report buffers must be exactly the collection's report byte length for
-//    the type (HIDP_STATUS_INVALID_REPORT_LENGTH otherwise); byte 0 is the
+//    the type (kHidpStatusInvalidReportLength otherwise); byte 0 is the
 //    report ID, 0 for collections without report IDs;
 //  - LinkCollection 0 means any link collection; usage page and usage must
 //    match (a usage matches a range capability when it lies in the range);
 //  - when the usage exists only in other reports than the one whose ID is in
-//    byte 0, the result is HIDP_STATUS_INCOMPATIBLE_REPORT_ID, when it does
-//    not exist at all HIDP_STATUS_USAGE_NOT_FOUND;
+//    byte 0, the result is kHidpStatusIncompatibleReportId, when it does
+//    not exist at all kHidpStatusUsageNotFound;
 //  - a value capability with ReportCount > 1 that is not a usage range is a
 //    "usage value array": only the ...Array functions reach it
-//    (HIDP_STATUS_IS_VALUE_ARRAY from the others), and they refuse
+//    (kHidpStatusIsValueArray from the others), and they refuse
 //    everything else (HIDP_STATUS_NOT_VALUE_ARRAY).
 #pragma once
 
@@ -29,7 +29,7 @@
 #include <span>
 #include <vector>
 
-#include "hid/descriptor/hidp_status.h"
+#include "hid/hid_types.h"
 #include "hid/descriptor/report_descriptor.h"
 
 namespace VideoConsoleCore::hid {
@@ -58,8 +58,8 @@ NtStatus GetCaps(const TopLevelCollection& collection, Caps& caps);
 // Copies the value (or button) capabilities of a report type that match the
 // filters (0: any usage page / link collection / usage) into `buffer`, in
 // Windows' order, and sets `count` to the number copied. No match gives
-// HIDP_STATUS_USAGE_NOT_FOUND; more matches than the buffer holds fill it and
-// give HIDP_STATUS_BUFFER_TOO_SMALL.
+// kHidpStatusUsageNotFound; more matches than the buffer holds fill it and
+// give kHidpStatusBufferTooSmall.
 NtStatus GetSpecificValueCaps(ReportType type, uint16_t usagePage, uint16_t linkCollection,
                               uint16_t usage, std::span<ValueCaps> buffer, size_t& count,
                               const TopLevelCollection& collection);
@@ -72,7 +72,7 @@ NtStatus GetButtonCaps(ReportType type, std::span<ButtonCaps> buffer, size_t& co
                        const TopLevelCollection& collection);
 
 // Copies the link collection nodes; `count` becomes the number of nodes the
-// collection has (HIDP_STATUS_BUFFER_TOO_SMALL when the buffer holds fewer).
+// collection has (kHidpStatusBufferTooSmall when the buffer holds fewer).
 NtStatus GetLinkCollectionNodes(std::span<LinkCollectionNode> buffer, size_t& count,
                                 const TopLevelCollection& collection);
 
@@ -85,7 +85,7 @@ std::vector<ButtonCaps> ButtonCapsOf(const TopLevelCollection& collection, Repor
 // that report that has a null state to its null value: 0 when 0 lies
 // outside the logical range, else the all-ones field for a range that does
 // not go below 0, else the most negative field value; a field whose range
-// leaves none of these free stays 0. HIDP_STATUS_REPORT_DOES_NOT_EXIST when
+// leaves none of these free stays 0. kHidpStatusReportDoesNotExist when
 // the collection has no report of that type and ID.
 NtStatus InitializeReportForID(ReportType type, uint8_t reportId,
                                const TopLevelCollection& collection, std::span<uint8_t> report);
@@ -101,7 +101,7 @@ NtStatus GetUsageValue(ReportType type, uint16_t usagePage, uint16_t linkCollect
 
 // A usage value array travels packed as in the report: element i occupies
 // bits i*BitSize .. i*BitSize+BitSize-1 of `values`. The buffer must hold
-// ceil(BitSize*ReportCount/8) bytes (HIDP_STATUS_BUFFER_TOO_SMALL otherwise);
+// ceil(BitSize*ReportCount/8) bytes (kHidpStatusBufferTooSmall otherwise);
 // bytes beyond that are neither read nor written.
 NtStatus SetUsageValueArray(ReportType type, uint16_t usagePage, uint16_t linkCollection,
                             uint16_t usage, std::span<const uint8_t> values,
