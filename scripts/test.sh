@@ -16,6 +16,14 @@ cmake --build build/linux -j"$jobs"
 echo "== Linux tests"
 ctest --test-dir build/linux -j"$jobs" --output-on-failure
 
+echo "== Fuzzing the HID report-descriptor parser (20 s)"
+if ! ./fuzz/run-fuzz.sh 20 > build/fuzz.log 2>&1; then
+  tail -n 40 build/fuzz.log
+  echo "fuzzing found a problem; the input is in build/fuzz/artifacts/" >&2
+  exit 1
+fi
+grep -E '^(stat::number_of_executed_units|Done)' build/fuzz.log || true
+
 echo "== Windows build (mingw-w64)"
 export WINEDEBUG=-all
 # One persistent wineserver for the whole run: the build lists the tests of

@@ -1,5 +1,7 @@
 #include "core/VideoConsoleCoreImp.h"
 
+#include "hid/backend/backend_factory.h"
+
 #include <cstdlib>
 #include <cstring>
 
@@ -44,6 +46,11 @@ bool VideoConsoleCoreImp::Initialize(const char* settingsPath) {
         m_localLogging = false;
     }
     ApplyBurnAreaSetting();
+
+    std::string note;
+    m_hidBackend = hid::CreateHidBackend(Setting("DeviceBackend"), note);
+    if (!note.empty()) Report(note + "\n");
+
     DebugOut("Initialization successful!\n");
     m_initialized = true;
     return true;

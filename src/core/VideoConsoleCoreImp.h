@@ -26,6 +26,10 @@ namespace spdlog {
 class logger;
 }
 
+namespace VideoConsoleCore::hid {
+class HidBackend;
+}
+
 namespace VideoConsoleCore {
 
 enum DeviceState : uint32_t {
@@ -127,6 +131,11 @@ public:
     // Sets the burn-area flags from USB_Burn_Area.
     void ApplyBurnAreaSetting();
 
+    // ---- HID transport (hid/) ------------------------------------------
+    // The backend every exchange with a device goes through; chosen by
+    // initialisation from DeviceBackend, null before.
+    hid::HidBackend* Hid() const { return m_hidBackend.get(); }
+
     // ---- Logging (logging/) --------------------------------------------
     void StartLogger();
     std::string LogFilePath() const { return m_logFilePath; }
@@ -196,6 +205,7 @@ public:
     uint8_t* m_infoRecord2 = nullptr;
 
 private:
+    std::unique_ptr<hid::HidBackend> m_hidBackend;
     std::atomic<KORVSDK_ScanDeviceListCallback> m_scanListCallback{nullptr};
     std::atomic<KORVSDK_DeviceStateCallback> m_deviceStateCallback{nullptr};
     std::atomic<KORVSDK_DevFwUpdateStateCallback> m_fwUpdateStateCallback{nullptr};

@@ -21,7 +21,7 @@ inline HidHandle const kInvalidHidHandle = reinterpret_cast<HidHandle>(static_ca
 using PreparsedData = void*;
 
 // Report types, numbered as HIDP_REPORT_TYPE.
-enum ReportType : int32_t { kInputReport = 0, kOutputReport = 1, kFeatureReport = 2 };
+enum HidpReportType : int32_t { kInputReport = 0, kOutputReport = 1, kFeatureReport = 2 };
 
 // HIDP_STATUS_* codes.
 inline constexpr NtStatus kHidpStatusSuccess = 0x00110000;

@@ -69,6 +69,7 @@ TEST(ReleaseFunctions, FreeDeviceListReleasesEntriesAndResets) {
         list[i] = DeviceEntry{HeapText("USB Capture"), HeapText("SN0001"), HeapText("0001"),
                               HeapText("FFF0")};
     }
+    std::free(list[1].description);
     list[1].description = nullptr;  // a missing text is skipped
     EXPECT_EQ(KORVSDK_Free_DeviceList(&list, &count), 1);
     EXPECT_EQ(list, nullptr);

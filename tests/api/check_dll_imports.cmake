@@ -1,3 +1,4 @@
+cmake_minimum_required(VERSION 3.25)
 # The Windows DLL may import only DLLs that every Windows system has: the C
 # runtime, GCC's and the C++ runtime are linked in statically.
 execute_process(COMMAND ${TOOL} -p ${LIBRARY} OUTPUT_VARIABLE dump RESULT_VARIABLE rc)

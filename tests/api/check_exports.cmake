@@ -1,3 +1,4 @@
+cmake_minimum_required(VERSION 3.25)
 # Compares the exported names of the library with the expected list: every
 # expected name must be exported and nothing else may be. MODE pe reads a DLL's export table with objdump -p, MODE
 # elf the dynamic symbols of a shared object with nm -D.

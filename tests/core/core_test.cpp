@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/VideoConsoleCoreImp.h"
+#include "hid/backend/hid_backend.h"
 #include "support/test_support.h"
 
 using korvsdk_test::MessageLog;
@@ -146,4 +147,21 @@ TEST_F(CoreTest, CheckMcuOnBoardClearsTheProbeFlag) {
     core_.m_selected = true;
     core_.CheckMcuOnBoard();
     EXPECT_FALSE(core_.m_probeInProgress);
+}
+
+TEST_F(CoreTest, DeviceBackendDefaultsToThePlatform) {
+    WriteSettings("EnableLocalLogging=0\n");
+    ASSERT_TRUE(core_.Initialize("setting.cfg"));
+    ASSERT_NE(core_.Hid(), nullptr);
+    EXPECT_STREQ(core_.Hid()->Name(), VideoConsoleCore::hid::CreatePlatformHidBackend()->Name());
+    EXPECT_EQ(MessageLog::All(), "Initialization successful!\n");
+}
+
+TEST_F(CoreTest, UnknownDeviceBackendFallsBackAndSaysSo) {
+    WriteSettings("EnableLocalLogging=0\nDeviceBackend=carrier-pigeon\n");
+    ASSERT_TRUE(core_.Initialize("setting.cfg"));
+    ASSERT_NE(core_.Hid(), nullptr);
+    const std::string platform = VideoConsoleCore::hid::CreatePlatformHidBackend()->Name();
+    EXPECT_EQ(MessageLog::All(), "DeviceBackend=carrier-pigeon is not available; using the " +
+                                     platform + " backend\nInitialization successful!\n");
 }

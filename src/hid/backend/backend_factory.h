@@ -1,0 +1,18 @@
+// Chooses the HidBackend that the library talks through, from the
+// DeviceBackend key of setting.cfg:
+//   (absent)  the platform's own backend: hid.dll on Windows, hidraw on Linux
+//   virtual   the virtual capture device
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "hid/backend/hid_backend.h"
+
+namespace VideoConsoleCore::hid {
+
+// Never null: an unknown or unavailable choice falls back to the platform's
+// backend, and `note` then says so (it stays empty otherwise).
+std::unique_ptr<HidBackend> CreateHidBackend(const std::string& choice, std::string& note);
+
+}  // namespace VideoConsoleCore::hid

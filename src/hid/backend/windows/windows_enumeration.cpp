@@ -1,0 +1,141 @@
+// Finding devices on Windows: present USB devices (SetupAPI, configuration
+// manager), HID interface paths, and the USB port level of one device.
+#include "hid/backend/windows/windows_hid_backend.h"
+
+#include "hid/backend/windows/usb_port_map.h"
+#include "hid/backend/windows/win_util.h"
+
+#include <cfgmgr32.h>
+#include <devpropdef.h>
+
+extern "C" {
+#include <hidsdi.h>
+}
+
+#include <vector>
+
+namespace VideoConsoleCore::hid {
+
+namespace {
+
+// DEVPKEY_Device_BusReportedDeviceDesc: the product string the device gave
+// during enumeration. devpkey.h only declares it (no INITGUID here).
+constexpr DEVPROPKEY kBusReportedDeviceDesc = {
+    {0x540b947e, 0x8b40, 0x45bc, {0xa8, 0xa2, 0x6a, 0x0b, 0x89, 0x4c, 0xbd, 0xa2}}, 4};
+
+using GetDevicePropertyFn = decltype(&SetupDiGetDevicePropertyW);
+
+// SetupDiGetDevicePropertyW is looked up rather than imported: a SetupAPI
+// without it (Windows before Vista) then only costs the descriptions.
+GetDevicePropertyFn DevicePropertyFunction() {
+    static const GetDevicePropertyFn function = []() -> GetDevicePropertyFn {
+        HMODULE module = LoadLibraryW(L"Setupapi.dll");
+        if (module == nullptr) return nullptr;
+        return reinterpret_cast<GetDevicePropertyFn>(reinterpret_cast<void (*)()>(
+            GetProcAddress(module, "SetupDiGetDevicePropertyW")));
+    }();
+    return function;
+}
+
+// A string device property, "" when absent or not a string. Size query
+// first, then a buffer of the reported size.
+std::wstring StringProperty(HDEVINFO set, SP_DEVINFO_DATA& device, const DEVPROPKEY& key) {
+    const GetDevicePropertyFn getProperty = DevicePropertyFunction();
+    if (getProperty == nullptr) return std::wstring();
+    DEVPROPTYPE type = 0;
+    DWORD required = 0;
+    getProperty(set, &device, &key, &type, nullptr, 0, &required, 0);
+    if (GetLastError() != ERROR_INSUFFICIENT_BUFFER || required == 0 ||
+        type != DEVPROP_TYPE_STRING) {
+        return std::wstring();
+    }
+    std::vector<BYTE> buffer(required, 0);
+    DWORD written = 0;
+    if (!getProperty(set, &device, &key, &type, buffer.data(), required, &written, 0) ||
+        type != DEVPROP_TYPE_STRING) {
+        return std::wstring();
+    }
+    return win::WideFromBuffer(buffer.data(), written < required ? written : required);
+}
+
+// SPDRP_DRIVER: the device's driver key, the name the hub driver also
+// reports for the port the device sits on.
+std::wstring DriverKey(HDEVINFO set, SP_DEVINFO_DATA& device) {
+    DWORD type = 0;
+    DWORD required = 0;
+    SetupDiGetDeviceRegistryPropertyW(set, &device, SPDRP_DRIVER, &type, nullptr, 0, &required);
+    if (GetLastError() != ERROR_INSUFFICIENT_BUFFER || required == 0) return std::wstring();
+    std::vector<BYTE> buffer(required, 0);
+    DWORD written = 0;
+    if (!SetupDiGetDeviceRegistryPropertyW(set, &device, SPDRP_DRIVER, &type, buffer.data(),
+                                           required, &written) ||
+        type != REG_SZ) {
+        return std::wstring();
+    }
+    return win::WideFromBuffer(buffer.data(), written < required ? written : required);
+}
+
+}  // namespace
+
+bool WindowsHidBackend::EnumerateUsbDevices(std::vector<UsbDeviceInfo>& devices) {
+    // Every present device node of the USB enumerator, whatever its class:
+    // whole devices and the interface nodes of composite devices.
+    win::ScopedDevInfo set(
+        SetupDiGetClassDevsW(nullptr, L"USB", nullptr, DIGCF_PRESENT | DIGCF_ALLCLASSES));
+    if (!set.Valid()) return false;
+
+    std::vector<UsbDeviceInfo> found;
+    for (DWORD index = 0;; ++index) {
+        SP_DEVINFO_DATA device{};
+        device.cbSize = sizeof(device);
+        if (!SetupDiEnumDeviceInfo(set.Get(), index, &device)) break;
+        UsbDeviceInfo info;
+        info.instanceId = win::WideToUtf8(win::DeviceInstanceId(device.DevInst));
+        if (info.instanceId.empty()) continue;
+        info.busReportedDescription =
+            win::WideToUtf8(StringProperty(set.Get(), device, kBusReportedDeviceDesc));
+        found.push_back(std::move(info));
+    }
+    devices = std::move(found);
+    return true;
+}
+
+bool WindowsHidBackend::EnumerateHidInterfaces(std::vector<std::string>& paths) {
+    GUID hidClass{};
+    HidD_GetHidGuid(&hidClass);
+    std::vector<std::string> found;
+    const win::InterfaceWalk walk =
+        win::ForEachPresentInterface(hidClass, [&](const win::PresentInterface& item) {
+            std::string path = win::WideToUtf8(item.path);
+            if (!path.empty()) found.push_back(std::move(path));
+            return true;
+        });
+    if (walk == win::InterfaceWalk::kFailed) return false;
+    paths = std::move(found);
+    return true;
+}
+
+int WindowsHidBackend::UsbPortLevel(const std::string& vid, const std::string& pid,
+                                    const std::string& serial) {
+    const std::unique_ptr<win::UsbHubIo> io = win::CreateSystemUsbHubIo();
+    const win::UsbPortMap map = win::BuildUsbPortMap(*io);
+
+    int level = -1;
+    win::ForEachPresentInterface(win::kUsbDeviceInterface, [&](const win::PresentInterface& item) {
+        // Each examined interface is opened (read/write, overlapped) and
+        // closed again at once. The outcome does not decide the answer: a
+        // device that another program holds exclusively still sits on a port.
+        win::ScopedHandle touch(CreateFileW(item.path.c_str(), GENERIC_READ | GENERIC_WRITE,
+                                            FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                            OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+        touch.Reset();
+
+        const std::string id = win::WideToUtf8(win::DeviceInstanceId(item.device->DevInst));
+        if (!win::InstanceIdMatches(id, vid, pid, serial)) return true;
+        level = win::LookUpPortLevel(map, DriverKey(item.set, *item.device));
+        return false;  // the first matching device decides
+    });
+    return win::PortLevelAnswer(level);
+}
+
+}  // namespace VideoConsoleCore::hid
