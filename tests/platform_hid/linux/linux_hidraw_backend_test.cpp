@@ -210,7 +210,9 @@ TEST_F(LinuxHidraw, OnePathPerTopLevelCollection) {
     ASSERT_EQ(paths, (std::vector<std::string>{dev + "/hidraw0", dev + "/hidraw0&col02",
                                                dev + "/hidraw9", dev + "/hidraw10"}));
 
-    // Both paths of hidraw0 read its whole descriptor and tell the collection.
+    // Both paths of hidraw0 read its whole descriptor and tell the
+    // collection, so that the preparsed data describes that collection only.
+    const Usage pages[] = {0x0001, 0xFF00};
     for (int index : {0, 1}) {
         const HidHandle handle = backend.Open(paths[index]);
         ASSERT_NE(handle, kInvalidHidHandle);
@@ -219,6 +221,13 @@ TEST_F(LinuxHidraw, OnePathPerTopLevelCollection) {
         ASSERT_TRUE(backend.ReadReportDescriptor(handle, descriptor, collection));
         EXPECT_EQ(descriptor, kTwoCollectionDescriptor);
         EXPECT_EQ(collection, index);
+
+        PreparsedData data = nullptr;
+        ASSERT_TRUE(backend.GetPreparsedData(handle, data));
+        HidpCaps caps{};
+        EXPECT_EQ(backend.GetCaps(data, caps), kHidpStatusSuccess);
+        EXPECT_EQ(caps.UsagePage, pages[index]);
+        backend.FreePreparsedData(data);
         backend.Close(handle);
     }
 }
