@@ -6,6 +6,7 @@
 
 #include "KORVSDKDeviceTool.h"
 #include "core/VideoConsoleCoreImp.h"
+#include "discovery/device_list.h"
 
 using VideoConsoleCore::g_VC_Core;
 
@@ -29,10 +30,6 @@ char* TextResult(Operation operation) {
 // Setters pass the address of a local copy of their value: direction 0.
 constexpr int kAudioSet = 0;
 constexpr int kAudioGet = 1;
-
-void FreeListText(char* text) {
-    if (text != nullptr && text != VideoConsoleCore::kStaticEmptyText) std::free(text);
-}
 
 }  // namespace
 
@@ -178,16 +175,7 @@ KORVSDK_BOOL KORVSDK_Free_DeviceList(DeviceEntry** list, uint16_t* count) {
     // designate may be null. A null pointer is refused quietly rather than
     // dereferenced.
     if (list == nullptr || count == nullptr) return 1;
-    DeviceEntry* entries = *list;
-    if (entries != nullptr) {
-        for (uint16_t i = 0; i < *count; ++i) {
-            FreeListText(entries[i].description);
-            FreeListText(entries[i].instance);
-            FreeListText(entries[i].pid);
-            FreeListText(entries[i].vid);
-        }
-        std::free(entries);
-    }
+    VideoConsoleCore::FreeDeviceEntries(*list, *count);
     *list = nullptr;
     *count = 0;
     return 1;

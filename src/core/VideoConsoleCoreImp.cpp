@@ -27,6 +27,10 @@ VideoConsoleCoreImp::~VideoConsoleCoreImp() {
     std::free(m_infoRecord2);
 }
 
+void VideoConsoleCoreImp::UseHidBackend(std::unique_ptr<hid::HidBackend> backend) {
+    m_hidBackend = std::move(backend);
+}
+
 bool VideoConsoleCoreImp::Initialize(const char* settingsPath) {
     if (m_initialized) {
         DebugOut("Already initialized!\n");

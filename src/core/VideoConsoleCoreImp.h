@@ -135,6 +135,8 @@ public:
     // The backend every exchange with a device goes through; chosen by
     // initialisation from DeviceBackend, null before.
     hid::HidBackend* Hid() const { return m_hidBackend.get(); }
+    // Replaces the backend (tests, and hosts that bring their own).
+    void UseHidBackend(std::unique_ptr<hid::HidBackend> backend);
 
     // ---- Logging (logging/) --------------------------------------------
     void StartLogger();

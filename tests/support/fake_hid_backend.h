@@ -19,6 +19,7 @@ public:
     NtStatus hidPResult = kHidpStatusSuccess;
     uint32_t maxListLength = 3;
     uint32_t readBytes = 0;
+    std::vector<UsbDeviceInfo> usbDevices;  // what EnumerateUsbDevices lists
     HidpValueCaps specificValueCaps{};  // what GetSpecificValueCaps returns
     bool haveSpecificValueCaps = true;
 
@@ -30,7 +31,11 @@ public:
     uint16_t lastCapsLength = 0;
 
     const char* Name() const override { return "fake"; }
-    bool EnumerateUsbDevices(std::vector<UsbDeviceInfo>&) override { return Note("EnumerateUsbDevices"), hidDResult; }
+    bool EnumerateUsbDevices(std::vector<UsbDeviceInfo>& out) override {
+        Note("EnumerateUsbDevices");
+        out = usbDevices;
+        return hidDResult;
+    }
     bool EnumerateHidInterfaces(std::vector<std::string>&) override { return Note("EnumerateHidInterfaces"), hidDResult; }
     int UsbPortLevel(const std::string&, const std::string&, const std::string&) override { return 2; }
     bool ResolveRuntimeHidFunctions() override { return hidDResult; }

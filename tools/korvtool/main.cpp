@@ -53,8 +53,8 @@ int main(int argc, char** argv) {
     uint16_t count = 0;
     if (!KORVSDK_Scan_DeviceList(&devices, &count)) {
         std::fprintf(stderr,
-                     "error: the device scan did not complete; this build cannot scan for "
-                     "devices yet (run with --verbose for the library's messages)\n");
+                     "error: the device scan failed: the system's device list could not be "
+                     "read (run with --verbose for the library's messages)\n");
         return 1;
     }
     if (count == 0) {
