@@ -145,9 +145,12 @@ TEST_F(ScanTest, ScanWritesItsSummaryToTheLog) {
     core_.UseHidBackend(std::move(backend));
     EXPECT_TRUE(core_.ScanDeviceList(&list_, &count_));
     const std::string log = korvsdk_test::ReadFile(core_.LogFilePath());
-    const size_t rule = log.find("[info] ==============================================\n");
+    // 46 "=" and then the line's end ("\r\n" on Windows).
+    const std::string ruleLine = "[info] " + std::string(46, '=');
+    const size_t rule = log.find(ruleLine);
+    ASSERT_NE(rule, std::string::npos) << log;
+    EXPECT_TRUE(log[rule + ruleLine.size()] == '\n' || log[rule + ruleLine.size()] == '\r');
     const size_t summary = log.find("[info] Scan Device is completed, 1 device is found.");
-    EXPECT_NE(rule, std::string::npos) << log;
     EXPECT_NE(summary, std::string::npos) << log;
     EXPECT_LT(rule, summary);
 }
