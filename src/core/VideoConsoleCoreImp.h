@@ -19,7 +19,11 @@
 #include <string>
 #include <string_view>
 
+#include <cstdio>
+#include <vector>
+
 #include "KORVSDKDeviceTool.h"
+#include "hid/hid_types.h"
 #include "settings/settings_file.h"
 
 namespace spdlog {
@@ -195,6 +199,22 @@ public:
     std::string m_settingsPath;
     std::atomic<bool> m_devicesPresent{false};
     uint8_t m_i2cAccessDescriptors[9] = {0xFF, 0x00, 0xA0, 0x02, 0xFF, 0x00, 0xA0, 0x01, 0xFF};
+
+    // ---- The open device (hid/, discovery/) ------------------------------
+    hid::HidHandle m_deviceHandle = hid::kInvalidHidHandle;
+    hid::PreparsedData m_preparsedData = nullptr;
+    // The interface's value capabilities; the index is the report kind
+    // (0 data, 1 command, 2 IIC).
+    std::vector<hid::HidpValueCaps> m_outputValueCaps;
+    std::vector<hid::HidpValueCaps> m_inputValueCaps;
+    std::vector<uint8_t> m_reportBuffers[3];  // one output report per kind
+    std::vector<uint8_t> m_inputBuffer;       // receives every input report
+    std::vector<uint8_t> m_outputStaging;     // the output report on its way
+    std::vector<uint8_t> m_flashBuffer = std::vector<uint8_t>(65536);  // flash/RW work buffer
+    uint32_t m_flashBaseAddress = 0;  // start of the firmware area in use
+    uint8_t m_chipType = 0;           // identification block, byte 384
+    uint8_t m_flashType = 0;          // identification block, byte 385
+    std::FILE* m_dumpFile = nullptr;  // target of a flash dump
 
     // Burn areas of the USB firmware update (USB_Burn_Area).
     bool m_doAreaEntire = true;

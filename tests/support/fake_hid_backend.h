@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,7 +24,13 @@ public:
     HidpValueCaps specificValueCaps{};  // what GetSpecificValueCaps returns
     bool haveSpecificValueCaps = true;
 
+    // Answers an input request: fills the buffer (its whole length is
+    // writable). Unset: the buffer is left as it is.
+    std::function<void(uint8_t* buffer, uint32_t length)> answerInput;
+
     // What it saw.
+    std::vector<std::vector<uint8_t>> outputReports;  // every SetOutputReport, whole
+    std::vector<uint32_t> inputLengths;                // every GetInputReport length
     std::vector<std::string> calls;
     std::vector<uint8_t> lastArray;   // bytes handed to SetUsageValueArray
     uint32_t lastLength = 0;          // a length argument of the last call
@@ -47,8 +54,18 @@ public:
     bool GetAttributes(HidHandle, HiddAttributes& a) override { a.VendorID = 0xFFF0; return D("GetAttributes"); }
     bool SetFeature(HidHandle, void*, uint32_t n) override { lastLength = n; return D("SetFeature"); }
     bool GetFeature(HidHandle, void*, uint32_t n) override { lastLength = n; return D("GetFeature"); }
-    bool GetInputReport(HidHandle, void*, uint32_t n) override { lastLength = n; return D("GetInputReport"); }
-    bool SetOutputReport(HidHandle, void*, uint32_t n) override { lastLength = n; return D("SetOutputReport"); }
+    bool GetInputReport(HidHandle, void* b, uint32_t n) override {
+        lastLength = n;
+        inputLengths.push_back(n);
+        if (answerInput && b != nullptr) answerInput(static_cast<uint8_t*>(b), n);
+        return D("GetInputReport");
+    }
+    bool SetOutputReport(HidHandle, void* b, uint32_t n) override {
+        lastLength = n;
+        const auto* bytes = static_cast<const uint8_t*>(b);
+        outputReports.emplace_back(bytes, bytes + (b != nullptr ? n : 0));
+        return D("SetOutputReport");
+    }
     bool GetNumInputBuffers(HidHandle, uint32_t& count) override { count = 32; return D("GetNumInputBuffers"); }
     bool SetNumInputBuffers(HidHandle, uint32_t count) override { lastLength = count; return D("SetNumInputBuffers"); }
     bool GetPhysicalDescriptor(HidHandle, void*, uint32_t n) override { lastLength = n; return D("GetPhysicalDescriptor"); }
