@@ -216,6 +216,18 @@ public:
     uint8_t m_flashType = 0;          // identification block, byte 385
     std::FILE* m_dumpFile = nullptr;  // target of a flash dump
 
+    // The flash part last identified (hid/flash_identification.cpp).
+    struct FlashDevice {
+        uint16_t pageSize = 0;
+        uint16_t secondSize = 0;
+        uint32_t sectorSize = 0;
+        uint16_t sectorsPerBlock = 0;
+        uint16_t totalBlocks = 0;
+        uint8_t fourByteAddressing = 0;
+    } m_flashDevice;
+    uint16_t m_flashDeviceId = 0xFFFF;  // the index the bridge reported last
+    uint32_t m_bytesPerSector = 0;      // the erase unit of the USB update
+
     // Burn areas of the USB firmware update (USB_Burn_Area).
     bool m_doAreaEntire = true;
     bool m_doAreaPartial = false;

@@ -1,0 +1,53 @@
+#include "hid/flash_chip_table.h"
+
+namespace VideoConsoleCore {
+
+// Names are the parts' own, kept exactly (doubled underscores included).
+const std::array<FlashChipInfo, kFlashChipCount> kFlashChips = {{
+    {0x30160037, 0x15, "AMIC__A25L032", 0, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x40160037, 0x15, "AMIC__A25Q032", 1, 0, std::nullopt},
+    {0x4600001F, 0xFF, "ATMEL_AT26DF161", 2, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x4700001F, 0xFF, "ATMEL__AT26D321", 3, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x40170068, 0x16, "BY_25Q64AS", 4, 0, FlashGeometry{256, 256, 65536, 1, 128, false}},
+    {0x40180068, 0x17, "BY_25Q128AS", 5, 0, FlashGeometry{256, 256, 65536, 1, 256, false}},
+    {0x2016001C, 0x15, "EON__EN25P32", 6, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x2015001C, 0x34, "EON__EN25B16", 7, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x2016001C, 0x35, "EON__EN25B32", 8, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x2017001C, 0x36, "EON__EN25B64", 9, 0, FlashGeometry{256, 256, 65536, 1, 128, false}},
+    {0x3115001C, 0x14, "EON__EN25F16", 10, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x3116001C, 0x15, "EON__EN25F32", 11, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x3015001C, 0x14, "EON_EN25Q16", 12, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x3016001C, 0x15, "EON_EN25Q32A", 13, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x3114001C, 0x13, "EON_EN25F80", 14, 0, FlashGeometry{256, 256, 65536, 1, 16, false}},
+    {0x3014001C, 0x13, "EON_EN25Q80A", 15, 0, FlashGeometry{256, 256, 65536, 1, 16, false}},
+    {0x3017001C, 0x16, "EON_EN25Q64", 16, 0, FlashGeometry{256, 256, 65536, 1, 128, false}},
+    {0x7016001C, 0x15, "EON_EN25QH32", 17, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x3215004A, 0x14, "ES__ES25M16A", 18, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x2015008C, 0x14, "ESMT_F25L16PA", 19, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x4116008C, 0x15, "ESMT_F25L32Q", 20, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x201500C2, 0x14, "MX__25L1605A", 21, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x201600C2, 0x15, "MX__25L3205D", 22, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x5E1600C2, 0x5E, "MX__25L3235D", 23, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x241500C2, 0x24, "MX__25L1635D", 24, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x201700C2, 0x16, "MX_25L6445E", 25, 0, FlashGeometry{256, 256, 65536, 1, 128, false}},
+    {0x201800C2, 0x17, "MX_25L12835F", 26, 0, FlashGeometry{256, 256, 65536, 1, 256, false}},
+    {0x201900C2, 0x18, "MX_25L25735F", 27, 0, FlashGeometry{256, 256, 65536, 1, 512, true}},
+    {0x201A00C2, 0x19, "MX_25L51245G", 28, 0, FlashGeometry{256, 256, 65536, 1, 1024, true}},
+    {0x401700C8, 0x16, "GD_GD25Q64B", 29, 0, FlashGeometry{256, 256, 65536, 1, 128, false}},
+    {0x401600C8, 0x15, "GD_GD25Q32", 30, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x401500C8, 0x14, "GD_GD25Q16", 31, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x401800C8, 0x17, "GD_GD25Q128C", 32, 0, FlashGeometry{256, 16, 4096, 16, 256, false}},
+    {0x402000C8, 0x19, "GD_GD25Q512MC", 33, 0, FlashGeometry{256, 16, 4096, 16, 1024, true}},
+    {0x20120020, 0xFF, "NUMON_M25P20", 34, 0, FlashGeometry{256, 256, 65536, 1, 4, false}},
+    {0x20160020, 0xFF, "NUMON_M25P32", 35, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x02140001, 0xFF, "SPAN_S25FL016A", 36, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x02150001, 0xFF, "SPAN_S25FL032A", 37, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x254100BF, 0x41, "SST_25VF016B", 38, 0, FlashGeometry{512, 128, 65536, 1, 32, false}},
+    {0x301500EF, 0x14, "WIN__W25X16A", 39, 0, FlashGeometry{256, 256, 65536, 1, 32, false}},
+    {0x301600EF, 0x15, "WIN_W25X32V", 40, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x401600EF, 0x15, "WIN_W25Q32BV", 41, 0, FlashGeometry{256, 256, 65536, 1, 64, false}},
+    {0x401700EF, 0x16, "WIN__W25Q64BV", 42, 0, FlashGeometry{256, 256, 65536, 1, 128, false}},
+    {0x4018005E, 0x17, "ZB_25VQ128", 43, 0, FlashGeometry{256, 256, 65536, 1, 256, false}},
+}};
+
+}  // namespace VideoConsoleCore
