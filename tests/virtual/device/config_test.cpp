@@ -2,6 +2,8 @@
 // must not reach the device.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "virtual/device/virtual_device_config.h"
 
 using namespace VideoConsoleCore::virtualdev;
@@ -107,4 +109,20 @@ TEST(VirtualDeviceConfig, VersionTextForms) {
     for (const char* bad : {"", "1.2.3.4.5", "1..2.3", "100.0.0.0", "1.2.3.", "a.b.c.g"}) {
         EXPECT_FALSE(ParseVersionText(bad, v)) << bad;
     }
+}
+
+TEST(VirtualDeviceConfig, ShippedSampleDescribesTwoAcceptedDevices) {
+    SettingsTable s;
+    ASSERT_TRUE(VideoConsoleCore::ReadSettingsFile(KORVSDK_SOURCE_DIR "/samples/virtual-setting.cfg", s));
+    EXPECT_EQ(s["DeviceBackend"], "virtual");
+    const auto configs = ReadVirtualDeviceConfigs(s);
+    ASSERT_EQ(configs.size(), 2u);
+    // Each device is accepted by one of the scan's ID filters.
+    for (size_t i = 0; i < configs.size(); ++i) {
+        char ids[32];
+        std::snprintf(ids, sizeof ids, "VID_%04X&PID_%04X", configs[i].vid, configs[i].pid);
+        EXPECT_NE(s["DevDrvID" + std::to_string(i)].find(ids), std::string::npos) << ids;
+    }
+    EXPECT_EQ(configs[1].portLevel, 2);
+    EXPECT_EQ(configs[1].flashIndex, 32);
 }
