@@ -175,13 +175,26 @@ void VirtualBridge::OnFlashData(const uint8_t* r) {
     const uint32_t remaining = windowLength_ - cursor_;
     const uint32_t n = std::min(remaining, config_.OutputChunk());
     if (n == 0) return;  // no window set up: the data goes nowhere
-    flash_.Write(windowStart_ + cursor_, r + 4, n);
+    // The window may reach past the 32-bit address space; such bytes are
+    // dropped instead of wrapping round to address 0.
+    const uint64_t at = uint64_t{windowStart_} + cursor_;
+    if (at <= 0xFFFFFFFFu) {
+        const auto fits = static_cast<uint32_t>(std::min<uint64_t>(n, 0x100000000ull - at));
+        flash_.Write(static_cast<uint32_t>(at), r + 4, fits);
+    }
     cursor_ += n;
 }
 
 void VirtualBridge::ReplyFlashData(uint8_t* out) {
     const uint32_t n = std::min(windowLength_ - cursor_, config_.InputChunk());
-    flash_.Read(windowStart_ + cursor_, out, n);
+    const uint64_t at = uint64_t{windowStart_} + cursor_;
+    if (at <= 0xFFFFFFFFu) {
+        const auto fits = static_cast<uint32_t>(std::min<uint64_t>(n, 0x100000000ull - at));
+        flash_.Read(static_cast<uint32_t>(at), out, fits);
+        std::fill(out + fits, out + n, uint8_t{0xFF});
+    } else {
+        std::fill(out, out + n, uint8_t{0xFF});
+    }
     cursor_ += n;
 }
 

@@ -154,6 +154,21 @@ TEST_F(BridgeTest, WritesBeyondTheWindowAreDropped) {
     EXPECT_EQ(b[10], 0xFF);
 }
 
+TEST_F(BridgeTest, WindowPastTheAddressSpaceDoesNotWrapToZero) {
+    // The second chunk would start at 0x1_0000_0800: it must not land at 0x800.
+    VirtualFlash& flash = backend_->Flash(0);
+    flash.Write(0x800, Pattern(16, 4).data(), 16);
+    ASSERT_TRUE(host_.FlashSetup(3, 0xFFFFF800u, 8192));
+    EXPECT_EQ(host_.BurstWrite(std::vector<uint8_t>(8192, 0x00)), 2);
+    uint8_t after[16];
+    flash.Read(0x800, after, 16);
+    EXPECT_EQ(std::vector<uint8_t>(after, after + 16), Pattern(16, 4));
+    ASSERT_TRUE(host_.FlashSetup(3, 0xFFFFF800u, 8192));
+    std::vector<uint8_t> back;
+    ASSERT_TRUE(host_.BurstRead(8192, back));
+    EXPECT_TRUE(std::all_of(back.begin(), back.end(), [](uint8_t b) { return b == 0xFF; }));
+}
+
 TEST_F(BridgeTest, DataWithoutAWindowProgramsNothing) {
     const uint64_t erases = backend_->Flash(0).SectorErases();
     EXPECT_EQ(host_.BurstWrite(Pattern(100, 0)), 1);
