@@ -52,7 +52,7 @@ bool VideoConsoleCoreImp::Initialize(const char* settingsPath) {
     ApplyBurnAreaSetting();
 
     std::string note;
-    m_hidBackend = hid::CreateHidBackend(Setting("DeviceBackend"), note);
+    m_hidBackend = hid::CreateHidBackend(Setting("DeviceBackend"), m_settings, note);
     if (!note.empty()) Report(note + "\n");
 
     DebugOut("Initialization successful!\n");

@@ -1,0 +1,210 @@
+#include "virtual/device/virtual_device_config.h"
+
+#include <cctype>
+#include <cstdio>
+#include <optional>
+#include <utility>
+
+namespace VideoConsoleCore::virtualdev {
+
+namespace {
+
+constexpr int kMaxDevices = 16;
+
+const std::string* Find(const SettingsTable& settings, const std::string& key) {
+    const auto it = settings.find(key);
+    if (it == settings.end() || it->second.empty()) return nullptr;
+    return &it->second;
+}
+
+// An integer key within [low, high]; nullopt when absent, malformed or out
+// of range.
+std::optional<long long> Number(const SettingsTable& settings, const std::string& key, int base,
+                                long long low, long long high) {
+    const std::string* text = Find(settings, key);
+    if (!text) return std::nullopt;
+    const std::optional<int> value = ParseIntegerSetting(*text, base);
+    if (!value || *value < low || *value > high) return std::nullopt;
+    return *value;
+}
+
+template <typename T>
+void SetNumber(const SettingsTable& settings, const std::string& key, int base, long long low,
+               long long high, T& field) {
+    if (const auto value = Number(settings, key, base, low, high)) field = static_cast<T>(*value);
+}
+
+void SetText(const SettingsTable& settings, const std::string& key, std::string& field) {
+    if (const std::string* text = Find(settings, key)) field = *text;
+}
+
+// Hexadecimal bytes, with or without blanks between them: "00 11 a2" or
+// "0011a2". Up to out.size() bytes; the rest stay zero. False (out
+// untouched) on anything else.
+template <size_t N>
+bool ParseHexBytes(const std::string& text, std::array<uint8_t, N>& out) {
+    std::array<uint8_t, N> bytes{};
+    size_t count = 0;
+    int high = -1;
+    for (const char c : text) {
+        if (c == ' ') {
+            if (high >= 0) return false;
+            continue;
+        }
+        if (!std::isxdigit(static_cast<unsigned char>(c))) return false;
+        const int digit = std::isdigit(static_cast<unsigned char>(c))
+                              ? c - '0'
+                              : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10;
+        if (high < 0) {
+            high = digit;
+        } else {
+            if (count == N) return false;
+            bytes[count++] = static_cast<uint8_t>(high * 16 + digit);
+            high = -1;
+        }
+    }
+    if (high >= 0 || count == 0) return false;
+    out = bytes;
+    return true;
+}
+
+}  // namespace
+
+bool ParseVersionText(const std::string& text, std::array<uint8_t, 4>& out) {
+    std::array<uint8_t, 4> version{};
+    size_t group = 0;
+    int digits = 0;
+    int value = 0;
+    for (const char c : text) {
+        if (c == '.') {
+            if (digits == 0 || group == 3) return false;
+            version[group++] = static_cast<uint8_t>(value);
+            digits = value = 0;
+            continue;
+        }
+        if (!std::isxdigit(static_cast<unsigned char>(c)) || digits == 2) return false;
+        value = value * 16 + (std::isdigit(static_cast<unsigned char>(c))
+                                  ? c - '0'
+                                  : std::tolower(static_cast<unsigned char>(c)) - 'a' + 10);
+        ++digits;
+    }
+    if (group != 3 || digits == 0) return false;
+    version[3] = static_cast<uint8_t>(value);
+    out = version;
+    return true;
+}
+
+std::string VersionText(const std::array<uint8_t, 4>& version) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%02x.%02x.%02x.%02x", version[0], version[1], version[2],
+                  version[3]);
+    return text;
+}
+
+bool ParseFailCall(const std::string& text, HidCall& call, uint32_t& at) {
+    static const std::pair<const char*, HidCall> kNames[] = {
+        {"Open", HidCall::kOpen},
+        {"GetAttributes", HidCall::kGetAttributes},
+        {"GetPreparsedData", HidCall::kGetPreparsedData},
+        {"SetOutputReport", HidCall::kSetOutputReport},
+        {"GetInputReport", HidCall::kGetInputReport},
+        {"GetSerialNumberString", HidCall::kGetSerialNumberString},
+        {"GetProductString", HidCall::kGetProductString},
+        {"EnumerateHidInterfaces", HidCall::kEnumerateHidInterfaces},
+        {"EnumerateUsbDevices", HidCall::kEnumerateUsbDevices},
+    };
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos) return false;
+    const std::string name = text.substr(0, colon);
+    const std::optional<int> n = ParseIntegerSetting(text.substr(colon + 1), 10);
+    if (!n || *n < 1) return false;
+    for (const auto& [known, value] : kNames) {
+        if (name == known) {
+            call = value;
+            at = static_cast<uint32_t>(*n);
+            return true;
+        }
+    }
+    return false;
+}
+
+VirtualDeviceConfig ReadVirtualDeviceConfig(const SettingsTable& settings, int n) {
+    VirtualDeviceConfig config;
+    const std::string p = "Virtual" + std::to_string(n) + "_";
+    char serial[16];
+    std::snprintf(serial, sizeof serial, "VC%08d", n + 1);
+    config.serial = serial;
+
+    SetNumber(settings, p + "VID", 16, 0, 0xFFFF, config.vid);
+    SetNumber(settings, p + "PID", 16, 0, 0xFFFF, config.pid);
+    SetNumber(settings, p + "Version", 16, 0, 0xFFFF, config.versionNumber);
+    // The serial becomes part of an instance ID and a device path: no
+    // separators of either.
+    if (const std::string* text = Find(settings, p + "Serial");
+        text && text->find_first_of("\\&/") == std::string::npos) {
+        config.serial = *text;
+    }
+    SetText(settings, p + "Description", config.description);
+    SetText(settings, p + "Manufacturer", config.manufacturer);
+    SetNumber(settings, p + "PortLevel", 10, 2, 3, config.portLevel);
+    SetNumber(settings, p + "ModelCode", 10, 5, 17, config.modelCode);
+    SetNumber(settings, p + "FlashType", 0, 0, 0xFF, config.flashType);
+    SetNumber(settings, p + "FlashIndex", 10, 0, 0xFFFF, config.flashIndex);
+    if (const std::string* text = Find(settings, p + "UsbFwVersion")) {
+        ParseVersionText(*text, config.usbFwVersion);
+    }
+    if (const std::string* text = Find(settings, p + "OriginalFwVersion")) {
+        ParseVersionText(*text, config.originalFwVersion);
+    }
+    SetNumber(settings, p + "InfoBase", 16, 0, 0x7FFFFFFF, config.infoBase);
+
+    static const char* const kKindNames[3] = {"Data", "Cmd", "Iic"};
+    for (int kind = 0; kind < 3; ++kind) {
+        const uint16_t low = kind == kDataReport ? kMinDataReportCount : kMinSmallReportCount;
+        const uint16_t high = kind == kDataReport ? 0xFFFF : kMaxSmallReportCount;
+        for (int dir = 0; dir < 2; ++dir) {
+            ReportShape& shape = dir == 0 ? config.output[kind] : config.input[kind];
+            const std::string stem = p + (dir == 0 ? "Out" : "In") + kKindNames[kind];
+            SetNumber(settings, stem + "Id", 0, 1, 255, shape.id);
+            SetNumber(settings, stem + "Count", 10, low, high, shape.count);
+        }
+    }
+
+    // The device tells its reports apart by ID: IDs that collide within a
+    // direction fall back to 1, 2, 3.
+    for (auto* shapes : {&config.output, &config.input}) {
+        auto& s = *shapes;
+        if (s[0].id == s[1].id || s[0].id == s[2].id || s[1].id == s[2].id) {
+            for (uint8_t k = 0; k < 3; ++k) s[k].id = static_cast<uint8_t>(k + 1);
+        }
+    }
+
+    if (const std::string* text = Find(settings, p + "HdmiInfo")) {
+        ParseHexBytes(*text, config.hdmiInfo);
+    }
+    SetNumber(settings, p + "UsbWidth", 10, 0, 0xFFFF, config.usbWidth);
+    SetNumber(settings, p + "UsbHeight", 10, 0, 0xFFFF, config.usbHeight);
+    SetNumber(settings, p + "UsbFrameRate", 10, 0, 255, config.usbFrameRate);
+    SetNumber(settings, p + "UsbColorFormat", 10, 0, 255, config.usbColorFormat);
+    SetNumber(settings, p + "LatencyMs", 10, 0, 10000, config.latencyMs);
+
+    if (const std::string* text = Find(settings, p + "FailCall")) {
+        ParseFailCall(*text, config.faults.failCall, config.faults.failAt);
+    }
+    if (const auto value = Number(settings, p + "IicNeverFinishes", 10, 0, 1)) {
+        config.faults.iicNeverFinishes = *value == 1;
+    }
+    SetNumber(settings, p + "UnplugAfter", 10, 0, 0x7FFFFFFF, config.faults.unplugAfterTransfers);
+    SetNumber(settings, p + "ValueReports", 10, 1, 3, config.faults.valueReports);
+    return config;
+}
+
+std::vector<VirtualDeviceConfig> ReadVirtualDeviceConfigs(const SettingsTable& settings) {
+    int count = 1;
+    SetNumber(settings, "VirtualDeviceCount", 10, 0, kMaxDevices, count);
+    std::vector<VirtualDeviceConfig> configs;
+    for (int n = 0; n < count; ++n) configs.push_back(ReadVirtualDeviceConfig(settings, n));
+    return configs;
+}
+
+}  // namespace VideoConsoleCore::virtualdev

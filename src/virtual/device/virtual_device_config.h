@@ -1,0 +1,113 @@
+// What a virtual capture device looks like, read from the Virtual* keys of
+// setting.cfg. Every key is optional; a value that does not parse, or lies
+// outside what the device can be, leaves the default in place.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "settings/settings_file.h"
+
+namespace VideoConsoleCore::virtualdev {
+
+// One HID report of the device: its ID and its report count (bytes after
+// the report-ID byte; each field is 8 bits wide).
+struct ReportShape {
+    uint8_t id = 0;
+    uint16_t count = 0;
+    uint32_t Length() const { return uint32_t{count} + 1; }
+};
+
+// The three report kinds in the order the library indexes them.
+enum ReportKind : int { kDataReport = 0, kCommandReport = 1, kIicReport = 2 };
+
+// Which HID call a planned failure hits.
+enum class HidCall : int {
+    kNone = 0,
+    kOpen,
+    kGetAttributes,
+    kGetPreparsedData,
+    kSetOutputReport,
+    kGetInputReport,
+    kGetSerialNumberString,
+    kGetProductString,
+    kEnumerateHidInterfaces,
+    kEnumerateUsbDevices,
+};
+
+// Faults a device shows on purpose, for tests and demonstrations.
+struct FaultPlan {
+    // The Nth call (1-based) of `failCall` on this device fails (the
+    // backend returns false); calls before and after succeed. 0 = never.
+    HidCall failCall = HidCall::kNone;
+    uint32_t failAt = 0;
+    // Every IIC reply says busy (status kIicBusy) and no I2C transfer runs.
+    bool iicNeverFinishes = false;
+    // After this many report transfers (SetOutputReport and GetInputReport
+    // together) the device is unplugged: open handles fail, enumeration no
+    // longer lists it. 0 = never.
+    uint32_t unplugAfterTransfers = 0;
+    // How many value reports of each direction the report descriptor
+    // carries (1..3); fewer than 3 leaves the later kinds out.
+    int valueReports = 3;
+};
+
+struct VirtualDeviceConfig {
+    uint16_t vid = 0xFFF0;
+    uint16_t pid = 0x0C01;
+    uint16_t versionNumber = 0x0100;  // bcdDevice
+    std::string serial;               // default "VC" + eight digits of the device number
+    std::string description = "Virtual HDMI Capture";
+    std::string manufacturer = "Virtual Capture Devices";
+    int portLevel = 3;   // 2 or 3
+    uint8_t modelCode = 13;  // 5..17
+    uint8_t flashType = 0;   // second byte of the identification block
+    int flashIndex = 26;     // what REPORT_FLASH_GET_ID answers (any 16-bit value)
+    // Running version of the firmware stored in the flash image, and of the
+    // bridge's original (boot ROM) firmware: four bytes, xx.xx.xx.xx.
+    std::array<uint8_t, 4> usbFwVersion{1, 0, 1, 9};
+    std::array<uint8_t, 4> originalFwVersion{1, 0, 0, 0};
+    // Flash address where the library's "firmware-area base" points: the
+    // stored version text sits here and the identification block at
+    // + 0x20000 + 384.
+    uint32_t infoBase = 0x500000;
+    // Output reports (index = ReportKind) and input reports.
+    std::array<ReportShape, 3> output{{{1, 4099}, {2, 64}, {3, 64}}};
+    std::array<ReportShape, 3> input{{{1, 4099}, {2, 64}, {3, 64}}};
+    std::array<uint8_t, 24> hdmiInfo{};
+    uint16_t usbWidth = 1920;
+    uint16_t usbHeight = 1080;
+    uint8_t usbFrameRate = 60;
+    uint8_t usbColorFormat = 2;
+    uint32_t latencyMs = 0;
+    FaultPlan faults;
+
+    // Largest bytes of flash data one data report carries.
+    uint32_t OutputChunk() const { return output[kDataReport].Length() - 4; }
+    uint32_t InputChunk() const { return input[kDataReport].Length() - 4; }
+};
+
+// Report counts the device accepts: command and IIC reports must stay below
+// 256 bytes in all (the input request carries the command in bits 8..15 of
+// its length word), data reports must hold the 4-byte header and data.
+inline constexpr uint16_t kMinSmallReportCount = 32;
+inline constexpr uint16_t kMaxSmallReportCount = 254;
+inline constexpr uint16_t kMinDataReportCount = 8;
+
+// The whole set of virtual devices from the settings table.
+std::vector<VirtualDeviceConfig> ReadVirtualDeviceConfigs(const SettingsTable& settings);
+
+// One device's keys ("Virtual<n>_..."), for device number n.
+VirtualDeviceConfig ReadVirtualDeviceConfig(const SettingsTable& settings, int n);
+
+// "xx.xx.xx.xx" with hexadecimal groups of one or two digits; false when the
+// text is not of that form.
+bool ParseVersionText(const std::string& text, std::array<uint8_t, 4>& out);
+std::string VersionText(const std::array<uint8_t, 4>& version);
+
+// "SetOutputReport:5" -> (kSetOutputReport, 5); false when malformed.
+bool ParseFailCall(const std::string& text, HidCall& call, uint32_t& at);
+
+}  // namespace VideoConsoleCore::virtualdev

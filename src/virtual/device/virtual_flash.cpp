@@ -1,0 +1,92 @@
+#include "virtual/device/virtual_flash.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+namespace VideoConsoleCore::virtualdev {
+
+VirtualFlash::VirtualFlash(const FlashChipRow& geometry)
+    : bytes_(static_cast<size_t>(geometry.TotalBytes()), 0xFF),
+      sectorSize_(geometry.sectorSize) {}
+
+void VirtualFlash::Read(uint32_t address, uint8_t* out, uint32_t count) const {
+    for (uint32_t i = 0; i < count; ++i) {
+        const uint64_t at = uint64_t{address} + i;
+        out[i] = at < bytes_.size() ? bytes_[static_cast<size_t>(at)] : 0xFF;
+    }
+}
+
+void VirtualFlash::Write(uint32_t address, const uint8_t* data, uint32_t count) {
+    if (address >= bytes_.size() || count == 0) return;
+    const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(count, bytes_.size() - address));
+    std::memcpy(bytes_.data() + address, data, n);
+    sectorErases_ += (address + n - 1) / sectorSize_ - address / sectorSize_ + 1;
+}
+
+void VirtualFlash::EraseAll() { std::fill(bytes_.begin(), bytes_.end(), uint8_t{0xFF}); }
+
+uint32_t VirtualFlash::ReadLe32(uint32_t address) const {
+    uint8_t b[4];
+    Read(address, b, 4);
+    return uint32_t{b[0]} | uint32_t{b[1]} << 8 | uint32_t{b[2]} << 16 | uint32_t{b[3]} << 24;
+}
+
+uint32_t VirtualFlash::ReadBe32(uint32_t address) const {
+    uint8_t b[4];
+    Read(address, b, 4);
+    return uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | uint32_t{b[3]};
+}
+
+void VirtualFlash::WriteLe32(uint32_t address, uint32_t value) {
+    const uint8_t b[4] = {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8),
+                          static_cast<uint8_t>(value >> 16), static_cast<uint8_t>(value >> 24)};
+    Write(address, b, 4);
+}
+
+void VirtualFlash::WriteFactoryImage(const VirtualDeviceConfig& config) {
+    using namespace flash_layout;
+    EraseAll();
+    WriteLe32(kConfigBlock, kLoadUpdated);
+    const uint8_t header[8] = {0, 0, 0x01, 0x00,   // header length 0x100
+                               0, 1, 0x00, 0x00};  // boot size 0x10000
+    Write(kHeaderLengthAt, header, sizeof header);
+
+    uint8_t text[16] = {};
+    const std::string version = VersionText(config.usbFwVersion);
+    std::memcpy(text, version.data(), version.size());
+    Write(kPrivateStart, text, sizeof text);
+    Write(config.infoBase, text, sizeof text);
+
+    const uint8_t ids[4] = {static_cast<uint8_t>(config.vid), static_cast<uint8_t>(config.vid >> 8),
+                            static_cast<uint8_t>(config.pid), static_cast<uint8_t>(config.pid >> 8)};
+    Write(kVidAt, ids, sizeof ids);
+
+    uint8_t info[2 + 32] = {config.modelCode, config.flashType};
+    for (size_t i = 0; i < version.size(); ++i) info[2 + 2 * i] = static_cast<uint8_t>(version[i]);
+    if (uint64_t{config.infoBase} + kInfoBlockOffset < Size()) {
+        Write(config.infoBase + kInfoBlockOffset, info, sizeof info);
+    }
+}
+
+BootChoice DecideBoot(const VirtualFlash& flash, const std::array<uint8_t, 4>& originalVersion) {
+    using namespace flash_layout;
+    BootChoice choice;
+    choice.version = originalVersion;
+    if (flash.ReadLe32(kConfigBlock) != kLoadUpdated) return choice;
+    const uint32_t header = flash.ReadBe32(kHeaderLengthAt);
+    const uint32_t boot = flash.ReadBe32(kBootSizeAt);
+    if (header == 0 || boot == 0 || header == 0xFFFFFFFF || boot == 0xFFFFFFFF ||
+        uint64_t{header} + boot > kFirmwareLength) {
+        return choice;
+    }
+    char text[17] = {};
+    flash.Read(kPrivateStart, reinterpret_cast<uint8_t*>(text), 16);
+    std::array<uint8_t, 4> version{};
+    if (!ParseVersionText(std::string(text), version)) return choice;
+    choice.updated = true;
+    choice.version = version;
+    return choice;
+}
+
+}  // namespace VideoConsoleCore::virtualdev

@@ -1,0 +1,88 @@
+// The bridge chip's SPI NOR flash and what its boot code finds in it.
+//
+// Storage is the whole part, erased (0xFF) at first. Writes reach it through
+// the bridge, which erases each erase unit it programs into and puts back
+// the bytes of that unit outside the written range: a written byte reads
+// back exactly as sent, whatever was there, and bytes next to it are kept.
+// The host therefore never erases explicitly, and a read-modify-write of
+// part of a sector (the 4 KiB configuration block in a 64 KiB sector) does
+// not disturb the rest of the sector.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "virtual/device/flash_chip_table.h"
+#include "virtual/device/virtual_device_config.h"
+
+namespace VideoConsoleCore::virtualdev {
+
+// Where things sit in the flash image.
+namespace flash_layout {
+inline constexpr uint32_t kConfigBlock = 0x70000;      // boot configuration, first word
+inline constexpr uint32_t kConfigBlockSize = 0x1000;
+inline constexpr uint32_t kFirmwareStart = 0x180000;
+inline constexpr uint32_t kFirmwareLength = 0x370000;
+inline constexpr uint32_t kHeaderLengthAt = 0x18000C;  // big-endian u32
+inline constexpr uint32_t kBootSizeAt = 0x180010;      // big-endian u32
+inline constexpr uint32_t kPrivateStart = 0x4F0000;    // image version text, 16 bytes
+inline constexpr uint32_t kPrivateLength = 0x10000;
+inline constexpr uint32_t kCustomizedStart = 0x500000;
+inline constexpr uint32_t kCustomizedLength = 0x300000;
+inline constexpr uint32_t kVidAt = kCustomizedStart + 0x20000 + 8;   // u16 little-endian
+inline constexpr uint32_t kPidAt = kCustomizedStart + 0x20000 + 10;  // u16 little-endian
+inline constexpr uint32_t kInfoBlockOffset = 0x20000 + 384;  // from the info base
+// Configuration word values.
+inline constexpr uint32_t kLoadOriginal = 0;
+inline constexpr uint32_t kLoadUpdated = 1;
+}  // namespace flash_layout
+
+class VirtualFlash {
+public:
+    explicit VirtualFlash(const FlashChipRow& geometry);
+
+    uint32_t Size() const { return static_cast<uint32_t>(bytes_.size()); }
+    uint32_t SectorSize() const { return sectorSize_; }
+
+    // Reads `count` bytes from `address`; bytes past the end read 0xFF.
+    void Read(uint32_t address, uint8_t* out, uint32_t count) const;
+    // Programs `count` bytes at `address` (erase-and-reprogram, see above);
+    // bytes past the end are dropped. Counts the erase units touched.
+    void Write(uint32_t address, const uint8_t* data, uint32_t count);
+    void EraseAll();
+
+    uint32_t ReadLe32(uint32_t address) const;
+    uint32_t ReadBe32(uint32_t address) const;
+    void WriteLe32(uint32_t address, uint32_t value);
+
+    // Erase units programmed into since construction.
+    uint64_t SectorErases() const { return sectorErases_; }
+
+    // Fills the flash with the image the device leaves the factory with:
+    // boot configuration "load updated", a firmware area with a valid
+    // header, the version text (config.usbFwVersion) at the Private area and
+    // at the info base, VID/PID and the identification block (model code,
+    // flash type, version text in UTF-16LE).
+    void WriteFactoryImage(const VirtualDeviceConfig& config);
+
+private:
+    std::vector<uint8_t> bytes_;
+    uint32_t sectorSize_;
+    uint64_t sectorErases_ = 0;
+};
+
+// What the bridge's boot code decides from the flash.
+struct BootChoice {
+    bool updated = false;               // runs the firmware in the flash
+    std::array<uint8_t, 4> version{};   // running version (registers 0x54..0x60)
+};
+
+// The boot rule: the firmware in the flash runs when the configuration word
+// is 1, the firmware area's header is sane (header length and boot size
+// neither erased nor zero, their sum within the area) and the image's
+// version text parses; in every other case the bridge runs its original
+// firmware from its boot ROM, so no flash content leaves it unbootable.
+BootChoice DecideBoot(const VirtualFlash& flash, const std::array<uint8_t, 4>& originalVersion);
+
+}  // namespace VideoConsoleCore::virtualdev
