@@ -6,8 +6,8 @@
 
 namespace VideoConsoleCore::virtualdev {
 
-VirtualFlash::VirtualFlash(const FlashChipRow& geometry)
-    : bytes_(static_cast<size_t>(geometry.TotalBytes()), 0xFF),
+VirtualFlash::VirtualFlash(const FlashGeometry& geometry)
+    : bytes_(static_cast<size_t>(TotalBytes(geometry)), 0xFF),
       sectorSize_(geometry.sectorSize) {}
 
 void VirtualFlash::Read(uint32_t address, uint8_t* out, uint32_t count) const {

@@ -40,7 +40,7 @@ inline constexpr uint32_t kLoadUpdated = 1;
 
 class VirtualFlash {
 public:
-    explicit VirtualFlash(const FlashChipRow& geometry);
+    explicit VirtualFlash(const FlashGeometry& geometry);
 
     uint32_t Size() const { return static_cast<uint32_t>(bytes_.size()); }
     uint32_t SectorSize() const { return sectorSize_; }

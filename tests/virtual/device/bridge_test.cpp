@@ -104,7 +104,7 @@ TEST(BridgeFlashId, IndexBeyondTheTableIsReportedAsTold) {
     const auto r = host.Request(kCommandReport, bridge_cmd::kFlashGetId);
     EXPECT_EQ(r[0] | r[1] << 8, 300);
     // Its storage takes the default part's size.
-    EXPECT_EQ(backend->Flash(0).Size(), kFlashChipTable[kDefaultFlashIndex].TotalBytes());
+    EXPECT_EQ(backend->Flash(0).Size(), TotalBytes(FlashGeometryFor(kDefaultFlashIndex)));
 }
 
 TEST(BridgeFlashId, FlashSizeFollowsTheChipTable) {
@@ -272,7 +272,7 @@ TEST_F(BridgeTest, ReplugAfterAnInterruptedWriteFallsBackToTheOriginal) {
 
 TEST(BootRule, UpdatedFirmwareNeedsASaneHeaderAndVersion) {
     VirtualDeviceConfig config;
-    VirtualFlash flash(kFlashChipTable[26]);
+    VirtualFlash flash(FlashGeometryFor(26));
     flash.WriteFactoryImage(config);
     EXPECT_TRUE(DecideBoot(flash, config.originalFwVersion).updated);
 
