@@ -110,9 +110,11 @@ std::vector<uint8_t> BlRangeCommand(char command, uint16_t pages) {
 }
 
 std::vector<uint8_t> BlPageCommand(char command, uint32_t address, const uint8_t* page128) {
-    std::vector<uint8_t> f{0xE2, uint8_t(command), 0x00, uint8_t(address >> 24), uint8_t(address >> 16),
-                           uint8_t(address >> 8), uint8_t(address), 0x00, 0x01};
-    f.insert(f.end(), page128, page128 + 128);
+    std::vector<uint8_t> f(9 + 128);
+    const uint8_t head[9] = {0xE2, uint8_t(command), 0x00, uint8_t(address >> 24), uint8_t(address >> 16),
+                             uint8_t(address >> 8), uint8_t(address), 0x00, 0x01};
+    std::copy(head, head + 9, f.begin());
+    std::copy(page128, page128 + 128, f.begin() + 9);
     return f;
 }
 
