@@ -176,6 +176,9 @@ TEST(McuRegisters, APointerWriteSelectsTheRegisterOfAPlainRead) {
     uint8_t value = 0;
     ASSERT_TRUE(mcu.Read(nullptr, 0, &value, 1));
     EXPECT_EQ(value, 44);
+    // Register numbers are one byte: a two-byte address is not acknowledged.
+    const uint8_t wide[2] = {0x00, 0x11};
+    EXPECT_FALSE(mcu.Read(wide, 2, &value, 1));
 }
 
 TEST(McuRegisters, ConsecutiveWritesAdvanceTheRegister) {
