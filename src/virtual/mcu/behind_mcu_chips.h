@@ -46,7 +46,7 @@ private:
     uint8_t pointer_ = 0;
 };
 
-// Which ID the codec answers, and where (Part of the board variant).
+// Which ID the codec answers; the board variant decides it.
 enum class CodecKind : uint8_t {
     None,
     IdAtFE,  // registers 0xFE,0xFF read 0x10,0xEC
