@@ -58,6 +58,18 @@ bool PutUtf16(const std::string& text, void* buffer, uint32_t length) {
     return true;
 }
 
+// The bridge's GPIO pin 1 drives the microcontroller's boot request input.
+class McuBootRequest : public BootloaderLine {
+public:
+    explicit McuBootRequest(VirtualMcu& mcu) : mcu_(mcu) {}
+    void SetLevel(bool high) override {
+        if (high) mcu_.EnterBootloaderLine();
+    }
+
+private:
+    VirtualMcu& mcu_;
+};
+
 }  // namespace
 
 VirtualHidBackend::VirtualHidBackend(std::vector<VirtualDeviceConfig> configs) {
@@ -67,6 +79,10 @@ VirtualHidBackend::VirtualHidBackend(std::vector<VirtualDeviceConfig> configs) {
         device->flash = std::make_unique<VirtualFlash>(FlashGeometryFor(device->config.flashIndex));
         device->flash->WriteFactoryImage(device->config);
         device->bridge = std::make_unique<VirtualBridge>(device->config, *device->flash);
+        device->mcu = std::make_unique<VirtualMcu>();
+        device->bootRequest = std::make_unique<McuBootRequest>(*device->mcu);
+        device->bridge->AttachI2cTarget(device->mcu->Address(), device->mcu.get());
+        device->bridge->SetBootloaderLine(device->bootRequest.get());
         devices_.push_back(std::move(device));
     }
 }
@@ -96,6 +112,7 @@ void VirtualHidBackend::Replug(size_t device) {
     std::fill(std::begin(d.calls), std::end(d.calls), 0u);
     d.bridge->Config().faults = d.config.faults;
     d.bridge->Boot();
+    d.mcu->PowerCycle();
 }
 
 uint32_t VirtualHidBackend::Transfers(size_t device) const {

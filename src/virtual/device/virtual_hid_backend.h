@@ -19,6 +19,7 @@
 #include "virtual/device/virtual_bridge.h"
 #include "virtual/device/virtual_device_config.h"
 #include "virtual/device/virtual_flash.h"
+#include "virtual/mcu/virtual_mcu.h"
 
 namespace VideoConsoleCore::virtualdev {
 
@@ -37,6 +38,7 @@ public:
     size_t DeviceCount() const { return devices_.size(); }
     VirtualBridge& Bridge(size_t device) { return *devices_.at(device)->bridge; }
     VirtualFlash& Flash(size_t device) { return *devices_.at(device)->flash; }
+    VirtualMcu& Mcu(size_t device) { return *devices_.at(device)->mcu; }
     const VirtualDeviceConfig& Config(size_t device) const { return devices_.at(device)->config; }
     // The fault plan may be changed at any time; counts start at the
     // device's creation or last replug.
@@ -89,6 +91,8 @@ private:
         VirtualDeviceConfig config;
         std::unique_ptr<VirtualFlash> flash;
         std::unique_ptr<VirtualBridge> bridge;
+        std::unique_ptr<VirtualMcu> mcu;              // on the bridge's I2C bus
+        std::unique_ptr<BootloaderLine> bootRequest;  // GPIO pin 1 to the MCU
         bool present = true;
         uint32_t generation = 0;  // bumped by each replug
         uint32_t transfers = 0;
