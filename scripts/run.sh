@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the library and korvtool for Linux, and
-# runs korvtool in a scratch folder: it initialises the library, scans for
-# capture devices and lists what it finds. Extra arguments go to korvtool.
+# runs korvtool in a scratch folder against the virtual capture devices of
+# samples/virtual-setting.cfg: it initialises the library, scans and lists
+# what it finds. Extra arguments go to korvtool (e.g. --config PATH for a
+# setting.cfg of your own, which then decides the backend).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -12,10 +14,7 @@ cmake --build build/linux -j"$(nproc 2>/dev/null || echo 2)" --target korvtool >
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-cat > "$work/setting.cfg" <<'CFG'
-EnableLocalLogging=0
-DevIDNum=1
-DevDrvID0=USB\VID_FFF0&PID_0001
-CFG
+grep -v '^EnableLocalLogging=' samples/virtual-setting.cfg > "$work/setting.cfg"
+echo "EnableLocalLogging=0" >> "$work/setting.cfg"
 cd "$work"
 "$root/build/linux/bin/korvtool" --config setting.cfg "$@"
