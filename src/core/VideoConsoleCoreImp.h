@@ -99,6 +99,9 @@ public:
     // zeroed record carrying `message` (when non-null) and `value`; the record
     // and its texts are freed when the callback returns.
     void NotifyDeviceState(const char* message, uint64_t value = 0);
+    // The same with the record's first two text fields set as well.
+    void NotifyDeviceState(const char* message, uint64_t value, const char* text0,
+                           const char* text1);
 
     // ---- Messages (core/messages.cpp) ----------------------------------
     // Debugger channel, while console logging is on.
@@ -161,7 +164,7 @@ public:
     bool CheckAudioIcOnBoard();
     bool SaveParameters();
     bool EnterBootMode();
-    bool CheckBootMode();
+    uint8_t CheckBootMode();
     // Audio and states (device/): direction 1 reads into *value, 0 writes it.
     bool AudioAuxInMute(uint8_t* value, int direction);
     bool AudioHpOutMute(uint8_t* value, int direction);
@@ -179,6 +182,16 @@ public:
     bool StartMcuFwUpdate();
     bool SetGpioLed(uint8_t value);
     bool SetUpdateGpioLedLights(uint8_t a, uint8_t b, uint16_t c);
+
+    // ---- Microcontroller and versions (device/), used by selection -------
+    // Reads the running and the stored USB firmware version and the boot
+    // configuration byte into the fields below; `quiet` suppresses the
+    // messages and the callback. False when a chip register or the stored
+    // version could not be read.
+    bool ReadUsbFwVersion(bool quiet);
+    // Reads registers 0xA0..0xA2 of the microcontroller into the MCU
+    // version fields; false on the first failed read.
+    bool ReadMcuFwVersion(bool quiet);
 
     // ---- Fields shared by several subsystems ---------------------------
     std::atomic<uint32_t> m_deviceState{kDeviceStateNone};
@@ -199,6 +212,9 @@ public:
     std::string m_settingsPath;
     std::atomic<bool> m_devicesPresent{false};
     uint8_t m_i2cAccessDescriptors[9] = {0xFF, 0x00, 0xA0, 0x02, 0xFF, 0x00, 0xA0, 0x01, 0xFF};
+    // Whether the selected model (6 or 8) is reached with the descriptors
+    // above.
+    bool m_mcuAccessDescriptorsInUse = false;
 
     // ---- The open device (hid/, discovery/) ------------------------------
     hid::HidHandle m_deviceHandle = hid::kInvalidHidHandle;
@@ -211,7 +227,9 @@ public:
     std::vector<uint8_t> m_inputBuffer;       // receives every input report
     std::vector<uint8_t> m_outputStaging;     // the output report on its way
     std::vector<uint8_t> m_flashBuffer = std::vector<uint8_t>(65536);  // flash/RW work buffer
-    uint32_t m_flashBaseAddress = 0;  // start of the firmware area in use
+    // Start of the flash area that carries the stored version text (its
+    // first 16 bytes) and, 0x20000 further, the identification block.
+    uint32_t m_flashBaseAddress = 0x4F0000;
     uint8_t m_chipType = 0;           // identification block, byte 384
     uint8_t m_flashType = 0;          // identification block, byte 385
     std::FILE* m_dumpFile = nullptr;  // target of a flash dump
@@ -227,6 +245,28 @@ public:
     } m_flashDevice;
     uint16_t m_flashDeviceId = 0xFFFF;  // the index the bridge reported last
     uint32_t m_bytesPerSector = 0;      // the erase unit of the USB update
+
+    // ---- The selected device (discovery/) --------------------------------
+    uint16_t m_selectedVid = 0;
+    uint16_t m_selectedPid = 0;
+    std::string m_selectedInstance;  // the serial number, as the scan listed it
+    struct HidDeviceRecord {
+        std::string path;
+        hid::HidHandle handle = hid::kInvalidHidHandle;
+        hid::HiddAttributes attributes{};
+        hid::HidpCaps caps{};
+    } m_hidDevice;
+    uint8_t m_deviceModel = 0;  // chip type of the identification block, 5..17
+    std::string m_deviceSerialText;  // the text of the identification block
+
+    // ---- Versions (device/) -------------------------------------------------
+    std::string m_usbFwVersion;      // stored in the flash: 16 characters at most
+    std::string m_runningFwVersion;  // the bridge's running firmware, xx.xx.xx.xx
+    int m_bootConfigByte = -1;       // byte 0 at 0x70000; -1 when unknown
+    std::string m_mcuFwVersion;      // aa.bb.cc.ddeeff
+    uint8_t m_mcuDeviceType = 0;     // register 0xA0
+    uint8_t m_boardVariant = 0xFF;   // first byte of register 0xA2; 0xFF = unknown
+    std::atomic<bool> m_quietQueries{false};
 
     // Burn areas of the USB firmware update (USB_Burn_Area).
     bool m_doAreaEntire = true;

@@ -46,11 +46,18 @@ int VideoConsoleCoreImp::CloseFwUpdateStateCallback() {
 }
 
 void VideoConsoleCoreImp::NotifyDeviceState(const char* message, uint64_t value) {
+    NotifyDeviceState(message, value, nullptr, nullptr);
+}
+
+void VideoConsoleCoreImp::NotifyDeviceState(const char* message, uint64_t value,
+                                            const char* text0, const char* text1) {
     const KORVSDK_DeviceStateCallback callback = m_deviceStateCallback.load();
     if (callback == nullptr) return;
     auto* record = static_cast<DeviceStateInfo*>(std::calloc(1, sizeof(DeviceStateInfo)));
     if (record == nullptr) return;
     if (message != nullptr) record->message = HeapCopy(message);
+    if (text0 != nullptr) record->text0 = HeapCopy(text0);
+    if (text1 != nullptr) record->text1 = HeapCopy(text1);
     record->value = value;
     callback(record);
     std::free(record->text0);

@@ -72,7 +72,7 @@ struct VirtualDeviceConfig {
     // Flash address where the library's "firmware-area base" points: the
     // stored version text sits here and the identification block at
     // + 0x20000 + 384.
-    uint32_t infoBase = 0x500000;
+    uint32_t infoBase = 0x4F0000;
     // Output reports (index = ReportKind) and input reports.
     std::array<ReportShape, 3> output{{{1, 4099}, {2, 64}, {3, 64}}};
     std::array<ReportShape, 3> input{{{1, 4099}, {2, 64}, {3, 64}}};
