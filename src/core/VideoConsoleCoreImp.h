@@ -159,9 +159,9 @@ public:
     bool GetMcuFwVersion(std::string& text);
     bool GetHdmiInfo();
     bool GetMcuInfo();
-    bool GetUsbAppInfo();
+    uint8_t GetUsbAppInfo();
     bool CheckMcuOnBoard();
-    bool CheckAudioIcOnBoard();
+    uint8_t CheckAudioIcOnBoard();
     bool SaveParameters();
     bool EnterBootMode();
     uint8_t CheckBootMode();
@@ -267,6 +267,9 @@ public:
     uint8_t m_mcuDeviceType = 0;     // register 0xA0
     uint8_t m_boardVariant = 0xFF;   // first byte of register 0xA2; 0xFF = unknown
     std::atomic<bool> m_quietQueries{false};
+    // Audio path of the board: 0 and 1 have the audio controls; any other
+    // value makes every control succeed without touching the device.
+    uint8_t m_audioVariant = 0;
 
     // Burn areas of the USB firmware update (USB_Burn_Area).
     bool m_doAreaEntire = true;

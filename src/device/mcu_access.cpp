@@ -73,9 +73,10 @@ uint32_t WriteMcuRegister(VideoConsoleCoreImp& core, uint8_t reg, uint8_t value)
 
 uint32_t ReadMcuRegister(VideoConsoleCoreImp& core, uint8_t reg, uint8_t* value) {
     uint8_t data[2] = {reg, 0};
-    const uint32_t ran = AccessIicData(core, kIicRead, core.m_mcuI2cAddress, 1, data, 1);
+    if (!AccessIicData(core, kIicRead, core.m_mcuI2cAddress, 1, data, 1) || data[0] != 0)
+        return 0;
     if (value != nullptr) *value = data[1];
-    return ran && data[0] == 0;
+    return 1;
 }
 
 bool BridgeI2cRead(VideoConsoleCoreImp& core, uint8_t bus, uint8_t device, uint32_t address,

@@ -34,8 +34,8 @@ inline constexpr uint8_t kBootloaderVersion = 0xFD;  // CMD_REG_BootLoader_Versi
 // the transfer ran and was acknowledged, 0 otherwise.
 uint32_t WriteMcuRegister(VideoConsoleCoreImp& core, uint8_t reg, uint8_t value);
 
-// Reads one register; *value gets the byte the tunnel returned (also when
-// the read fails). 1 when the transfer ran and was acknowledged.
+// Reads one register into *value. 1 when the transfer ran and was
+// acknowledged; otherwise 0 and *value keeps what it held.
 uint32_t ReadMcuRegister(VideoConsoleCoreImp& core, uint8_t reg, uint8_t* value);
 
 // One transaction of the microcontroller's I2C master on `bus` (0..3)

@@ -191,6 +191,7 @@ bool VideoConsoleCoreImp::SelectDevice(DeviceEntry* entry) {
     m_usbFwVersion.clear();
     m_mcuFwVersion.clear();
     m_usbType = 0;
+    m_audioVariant = 0;
     ReadDeviceBasics(*this);
     return true;
 }

@@ -91,3 +91,43 @@ TEST_F(ApiSession, UsbTwoPort) {
     EXPECT_EQ(KORVSDK_Get_Device_USBType(), 2);
     EXPECT_EQ(MessageLog::Count("USB type: 2\n"), 1);
 }
+
+TEST_F(ApiSession, AudioControlsAndStates) {
+    Begin("");
+    ASSERT_EQ(KORVSDK_Audio_Set_HP_Out_Volume(33), 1);
+    ASSERT_EQ(KORVSDK_Audio_Set_MIC_In_Mute(1), 1);
+    uint8_t value = 0;
+    ASSERT_EQ(KORVSDK_Audio_Get_HP_Out_Volume(&value), 1);
+    EXPECT_EQ(value, 33);
+    ASSERT_EQ(KORVSDK_Audio_Get_MIC_In_Mute(&value), 1);
+    EXPECT_EQ(value, 1);
+
+    // The HDMI side-tone is the AUX input's path.
+    ASSERT_EQ(KORVSDK_Audio_Set_HDMI_SideTone_Volume(21), 1);
+    ASSERT_EQ(KORVSDK_Audio_Get_AUX_In_Volume(&value), 1);
+    EXPECT_EQ(value, 21);
+    ASSERT_EQ(KORVSDK_Audio_Set_AUX_In_Mute(1), 1);
+    ASSERT_EQ(KORVSDK_Audio_Get_HDMI_SideTone_Mute(&value), 1);
+    EXPECT_EQ(value, 1);
+
+    ASSERT_EQ(KORVSDK_Get_HDMI_Video_Locked(&value), 1);
+    EXPECT_EQ(value, 1);
+    ASSERT_EQ(KORVSDK_Get_HP_Mic_PlugIn(&value), 1);
+    EXPECT_EQ(value, 0);
+    ASSERT_EQ(KORVSDK_Get_Line_In_PlugIn(&value), 1);
+    EXPECT_EQ(value, 0);
+    EXPECT_EQ(KORVSDK_Check_Is_AudioIC_OnBoard(), 1);
+    EXPECT_EQ(g_stateMessages.back(), "[Check_Audio] AudioIC:0x00, MCU:true");
+}
+
+TEST_F(ApiSession, InformationQueries) {
+    Begin("Virtual0_UsbColorFormat=4\n");
+    EXPECT_EQ(KORVSDK_Get_USB_APP_Info(), 1);
+    EXPECT_EQ(g_stateMessages.back(), "Resolution=1920x1080 FrameRate=60 ColorFormat=RGB32");
+    EXPECT_EQ(KORVSDK_Get_HDMI_Info(), 1);
+    EXPECT_EQ(g_stateMessages.back().rfind("HDMI info: 00 00 ", 0), 0u);
+    g_stateMessages.clear();
+    EXPECT_EQ(KORVSDK_Get_MCU_Info(), 1);
+    ASSERT_EQ(g_stateMessages.size(), 1u);
+    EXPECT_NE(g_stateMessages[0].find("EDID: true"), std::string::npos) << g_stateMessages[0];
+}
