@@ -1,12 +1,14 @@
-// A whole session through the exported functions against a virtual capture
-// device: init, scan, select, and the queries that need a selected device.
-// The same program runs on the Linux library and on the DLL under Wine.
+// Whole sessions through the exported functions against virtual capture
+// devices: init, scan, select, and the queries that need a selected device.
+// The same tests run on every backend that has a harness (see
+// session_harness.h), on the Linux library and on the DLL under Wine.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
 #include "KORVSDKDeviceTool.h"
+#include "sessions/session_harness.h"
 #include "support/test_support.h"
 
 using korvsdk_test::MessageLog;
@@ -37,15 +39,17 @@ protected:
         KORVSDK_Free_DeviceList(&list_, &count_);
         KORVSDK_Set_Debug_Output_Handler(nullptr);
     }
-    void Begin(const std::string& extra) {
+    // Initialises the library for the devices of `deviceKeys` and scans.
+    void Init(const std::string& deviceKeys, const std::string& filters = kOneFilter) {
         korvsdk_test::WriteFile(folder_.path() / "setting.cfg",
-                                "EnableLocalLogging=0\n"
-                                "DeviceBackend=virtual\n"
-                                "DevIDNum=1\n"
-                                "DevDrvID0=USB\\VID_FFF0&PID_0C01\n" +
-                                    extra);
-        ASSERT_EQ(KORVSDK_Init("setting.cfg"), 1);
+                                "EnableLocalLogging=0\n" + std::string(filters) +
+                                    korvsdk_test::PrepareSessionBackend(deviceKeys));
+        ASSERT_EQ(KORVSDK_Init("setting.cfg"), 1) << korvsdk_test::SessionBackendName();
         ASSERT_EQ(KORVSDK_Scan_DeviceList(&list_, &count_), 1);
+    }
+    // Init with one device, select it, and collect from here on.
+    void Begin(const std::string& deviceKeys) {
+        Init(deviceKeys);
         ASSERT_EQ(count_, 1);
         EXPECT_EQ(MessageLog::Count("Scan Device is completed, 1 device is found.\n"
                                     "----------------------------------------------\n"),
@@ -54,6 +58,7 @@ protected:
         ASSERT_EQ(KORVSDK_Open_CB_Device_StateInfo(OnState), 1);
         MessageLog::Clear();
     }
+    static constexpr const char* kOneFilter = "DevIDNum=1\nDevDrvID0=USB\\VID_FFF0&PID_0C01\n";
     korvsdk_test::TempFolder folder_;
     korvsdk_test::WorkingFolder cwd_;
     DeviceEntry* list_ = nullptr;
@@ -86,6 +91,43 @@ TEST_F(ApiSession, SelectedDeviceAnswersItsQueries) {
     EXPECT_EQ(KORVSDK_Check_Is_Boot_Mode(), 1);
 }
 
+TEST_F(ApiSession, TwoDevicesAndTheSecondSelected) {
+    Init("VirtualDeviceCount=2\nVirtual1_PID=0C02\nVirtual1_Serial=VC00000002\n"
+         "Virtual1_Description=Second capture\nVirtual1_PortLevel=2\n",
+         "DevIDNum=2\nDevDrvID0=USB\\VID_FFF0&PID_0C01\nDevDrvID1=USB\\VID_FFF0&PID_0C02\n");
+    ASSERT_EQ(count_, 2);
+    EXPECT_EQ(MessageLog::Count("Scan Device is completed, 2 devices are found.\n"
+                                "----------------------------------------------\n"),
+              1);
+    EXPECT_STREQ(list_[1].instance, "VC00000002");
+    EXPECT_STREQ(list_[1].description, "Second capture");
+    ASSERT_EQ(KORVSDK_Select_Device(&list_[1]), 1);
+    EXPECT_EQ(KORVSDK_Get_Device_USBType(), 2);
+    ASSERT_EQ(KORVSDK_Select_Device(&list_[0]), 1);
+    EXPECT_EQ(KORVSDK_Get_Device_USBType(), 3);
+}
+
+TEST_F(ApiSession, FlashIdentificationRetriedAfterAFailedExchange) {
+    // The flash-ID request is the first input report the library fetches.
+    Init("Virtual0_FailCall=GetInputReport:1\n");
+    ASSERT_EQ(count_, 1);
+    ASSERT_EQ(KORVSDK_Select_Device(&list_[0]), 1);
+    EXPECT_EQ(MessageLog::Count("restart select device... error time: 1\n"), 1);
+    EXPECT_EQ(MessageLog::All().find("error time: 2"), std::string::npos);
+}
+
+TEST_F(ApiSession, DeviceThatDisappearsAfterSelection) {
+    // Selecting the default device exchanges 58 reports; the device goes
+    // away right after them.
+    Begin("Virtual0_UnplugAfter=58\n");
+    EXPECT_EQ(KORVSDK_Get_HDMI_Info(), 1);
+    EXPECT_EQ(MessageLog::Count("Unknown error: Couldn't execute REPORT_HDMI_INFO function\n"), 1);
+    EXPECT_EQ(g_stateMessages.back().rfind("HDMI info: 00 00 00", 0), 0u);
+    EXPECT_EQ(Take(KORVSDK_Get_USB_FW_Ver()), "");
+    EXPECT_EQ(KORVSDK_Check_Is_MCU_OnBoard(), 0);
+    EXPECT_EQ(g_stateMessages.back(), "[Check_MCU] 0xA0:false, 0xA1:false, 0xFD:false");
+}
+
 TEST_F(ApiSession, UsbTwoPort) {
     Begin("Virtual0_PortLevel=2\n");
     EXPECT_EQ(KORVSDK_Get_Device_USBType(), 2);
@@ -93,7 +135,7 @@ TEST_F(ApiSession, UsbTwoPort) {
 }
 
 TEST_F(ApiSession, AudioControlsAndStates) {
-    Begin("");
+    Begin("VirtualDeviceCount=1\n");
     ASSERT_EQ(KORVSDK_Audio_Set_HP_Out_Volume(33), 1);
     ASSERT_EQ(KORVSDK_Audio_Set_MIC_In_Mute(1), 1);
     uint8_t value = 0;
