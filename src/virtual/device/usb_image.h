@@ -48,14 +48,15 @@ struct UsbImageOptions {
     uint16_t vid = 0xFFF0;
     uint16_t pid = 0x0C01;
     // Identification block at infoBase + 0x20000 + 384: model code (chip
-    // type) and flash-type byte before the version text.
-    uint32_t infoBase = 0x500000;
+    // type) and flash-type byte before the version text. The info base is
+    // the library's firmware-area base, the Private area.
+    uint32_t infoBase = flash_layout::kPrivateStart;
     uint8_t modelCode = 13;
     uint8_t flashType = 0;
     // USB string descriptor slot 3 (0x520180): up to 16 characters as a
-    // 34-byte string descriptor; empty leaves the slot erased. Where the
-    // identification block falls on the same bytes (info base 0x500000),
-    // the block is written last and wins.
+    // 34-byte string descriptor; empty leaves the slot erased. Should the
+    // identification block fall on the same bytes (an info base of
+    // 0x500000), the block is written last and wins.
     std::string slot3Text;
 };
 

@@ -40,7 +40,6 @@ TEST(UsbImage, FieldsSitAtTheirFlashAddresses) {
     o.pid = 0xABCD;
     o.headerLength = 0x200;
     o.bootSize = 0x30000;
-    o.infoBase = 0x4F0000;  // moves the identification block off slot 3
     o.modelCode = 7;
     o.flashType = 0x21;
     o.slot3Text = "SERIAL-12345";
@@ -60,7 +59,7 @@ TEST(UsbImage, FieldsSitAtTheirFlashAddresses) {
     EXPECT_EQ(le(0x520182), 'S');
     EXPECT_EQ(le(0x520182 + 2 * 11), '5');
     EXPECT_EQ(le(0x520182 + 2 * 12), 0);
-    // Identification block at the moved base.
+    // Identification block from the Private area.
     const uint32_t block = 0x4F0000 + 0x20000 + 384;
     EXPECT_EQ(img[block], 7);
     EXPECT_EQ(img[block + 1], 0x21);
@@ -72,8 +71,9 @@ TEST(UsbImage, FieldsSitAtTheirFlashAddresses) {
     EXPECT_EQ(img[layout::kConfigBlock + 4], 0xFF);
 }
 
-TEST(UsbImage, TheIdentificationBlockWinsOverSlot3AtTheDefaultBase) {
+TEST(UsbImage, TheIdentificationBlockWinsOverSlot3WhenTheyMeet) {
     UsbImageOptions o;
+    o.infoBase = 0x500000;  // puts the block on slot 3
     o.slot3Text = "ABC";
     o.modelCode = 11;
     o.size = 0x520100;  // a short image keeps what fits
