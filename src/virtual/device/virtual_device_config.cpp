@@ -1,9 +1,12 @@
 #include "virtual/device/virtual_device_config.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <optional>
 #include <utility>
+
+#include "virtual/mcu/mcu_image.h"
 
 namespace VideoConsoleCore::virtualdev {
 
@@ -38,13 +41,14 @@ void SetText(const SettingsTable& settings, const std::string& key, std::string&
     if (const std::string* text = Find(settings, key)) field = *text;
 }
 
+void SetFlag(const SettingsTable& settings, const std::string& key, bool& field) {
+    if (const auto value = Number(settings, key, 10, 0, 1)) field = *value == 1;
+}
+
 // Hexadecimal bytes, with or without blanks between them: "00 11 a2" or
-// "0011a2". Up to out.size() bytes; the rest stay zero. False (out
-// untouched) on anything else.
-template <size_t N>
-bool ParseHexBytes(const std::string& text, std::array<uint8_t, N>& out) {
-    std::array<uint8_t, N> bytes{};
-    size_t count = 0;
+// "0011a2", 1 to `limit` of them. False (out untouched) on anything else.
+bool ParseHexByteList(const std::string& text, size_t limit, std::vector<uint8_t>& out) {
+    std::vector<uint8_t> bytes;
     int high = -1;
     for (const char c : text) {
         if (c == ' ') {
@@ -58,14 +62,80 @@ bool ParseHexBytes(const std::string& text, std::array<uint8_t, N>& out) {
         if (high < 0) {
             high = digit;
         } else {
-            if (count == N) return false;
-            bytes[count++] = static_cast<uint8_t>(high * 16 + digit);
+            if (bytes.size() == limit) return false;
+            bytes.push_back(static_cast<uint8_t>(high * 16 + digit));
             high = -1;
         }
     }
-    if (high >= 0 || count == 0) return false;
-    out = bytes;
+    if (high >= 0 || bytes.empty()) return false;
+    out = std::move(bytes);
     return true;
+}
+
+// The same into a fixed array: up to N bytes, the rest zero.
+template <size_t N>
+void SetHexBytes(const SettingsTable& settings, const std::string& key, std::array<uint8_t, N>& field) {
+    const std::string* text = Find(settings, key);
+    std::vector<uint8_t> bytes;
+    if (!text || !ParseHexByteList(*text, N, bytes)) return;
+    field.fill(0);
+    std::copy(bytes.begin(), bytes.end(), field.begin());
+}
+
+// The microcontroller's keys: its identity and board, the state of its
+// inputs, its busy times and the faults it shows from power-on.
+void ReadMcuKeys(const SettingsTable& settings, const std::string& p, VirtualDeviceConfig& config) {
+    VirtualMcuConfig& mcu = config.mcu;
+    // The library takes the microcontroller for the board's own when its
+    // device type is the model code (or the model code + 128).
+    mcu.deviceType = config.modelCode;
+    SetNumber(settings, p + "McuDeviceType", 0, 0, 0xFF, mcu.deviceType);
+    SetNumber(settings, p + "McuVersion", 0, 0, 0xFF, mcu.firmwareVersion);
+    SetNumber(settings, p + "BoardVariant", 0, 0, 0xFF, mcu.boardVariant);
+    SetHexBytes(settings, p + "McuConfig", mcu.configBytes);
+    SetNumber(settings, p + "BootloaderVersion", 0, 0, 0xFF, mcu.bootloaderVersion);
+    SetFlag(settings, p + "McuErased", mcu.programMemoryErased);
+    SetFlag(settings, p + "CodecPresent", mcu.codecPresent);
+    if (const std::string* text = Find(settings, p + "Edid")) {
+        std::vector<uint8_t> edid;
+        if (*text == "none") {
+            mcu.txEdid.clear();
+        } else if (ParseHexByteList(*text, 256, edid) && (edid.size() == 128 || edid.size() == 256)) {
+            mcu.txEdid = std::move(edid);
+        }
+    }
+    SetFlag(settings, p + "HpMicPlugged", mcu.hpMicPlugged);
+    SetFlag(settings, p + "LineInPlugged", mcu.lineInPlugged);
+    SetFlag(settings, p + "VideoLocked", mcu.videoLocked);
+    SetFlag(settings, p + "HdmiSource", mcu.hdmiSourcePresent);
+
+    McuTimings& t = mcu.timings;
+    const std::pair<const char*, uint32_t*> timings[] = {
+        {"McuSaveMs", &t.saveMs},
+        {"McuBridgeMs", &t.bridgeMs},
+        {"McuBootJumpMs", &t.bootJumpMs},
+        {"McuRestartMs", &t.restartMs},
+        {"McuErasePageMs", &t.eraseMsPerPage},
+        {"McuBlankCheckPageMs", &t.blankCheckMsPerPage},
+        {"McuProgramPageMs", &t.programPageMs},
+        {"McuVerifyPageMs", &t.verifyPageMs},
+    };
+    for (const auto& [name, field] : timings) SetNumber(settings, p + name, 10, 0, 60000, *field);
+
+    VirtualMcuFaults& faults = config.mcuFaults;
+    if (const auto reg = Number(settings, p + "McuNackRegister", 0, 0, 0xFF)) {
+        faults.nackRegister = static_cast<uint8_t>(*reg);
+    }
+    SetFlag(settings, p + "McuNoAnswer", faults.nackAll);
+    SetFlag(settings, p + "BootloaderStaysBusy", faults.bootloaderStaysBusy);
+    if (const auto at = Number(settings, p + "BootloaderVerifyFailAt", 16, kProgramBase,
+                               kProgramBase + kImageMaxSize - 1)) {
+        faults.verifyMismatchAddress = static_cast<uint32_t>(*at);
+    }
+    if (const auto result = Number(settings, p + "McuSaveResult", 0, 0, 0xFF)) {
+        faults.saveResult = static_cast<uint8_t>(*result);
+    }
+    SetFlag(settings, p + "McuBridgeNeverCompletes", faults.bridgeNeverCompletes);
 }
 
 }  // namespace
@@ -179,9 +249,7 @@ VirtualDeviceConfig ReadVirtualDeviceConfig(const SettingsTable& settings, int n
         }
     }
 
-    if (const std::string* text = Find(settings, p + "HdmiInfo")) {
-        ParseHexBytes(*text, config.hdmiInfo);
-    }
+    SetHexBytes(settings, p + "HdmiInfo", config.hdmiInfo);
     SetNumber(settings, p + "UsbWidth", 10, 0, 0xFFFF, config.usbWidth);
     SetNumber(settings, p + "UsbHeight", 10, 0, 0xFFFF, config.usbHeight);
     SetNumber(settings, p + "UsbFrameRate", 10, 0, 255, config.usbFrameRate);
@@ -191,11 +259,11 @@ VirtualDeviceConfig ReadVirtualDeviceConfig(const SettingsTable& settings, int n
     if (const std::string* text = Find(settings, p + "FailCall")) {
         ParseFailCall(*text, config.faults.failCall, config.faults.failAt);
     }
-    if (const auto value = Number(settings, p + "IicNeverFinishes", 10, 0, 1)) {
-        config.faults.iicNeverFinishes = *value == 1;
-    }
+    SetFlag(settings, p + "IicNeverFinishes", config.faults.iicNeverFinishes);
     SetNumber(settings, p + "UnplugAfter", 10, 0, 0x7FFFFFFF, config.faults.unplugAfterTransfers);
     SetNumber(settings, p + "ValueReports", 10, 1, 3, config.faults.valueReports);
+
+    ReadMcuKeys(settings, p, config);
     return config;
 }
 

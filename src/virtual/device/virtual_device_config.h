@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "settings/settings_file.h"
+#include "virtual/mcu/virtual_mcu.h"
 
 namespace VideoConsoleCore::virtualdev {
 
@@ -83,6 +84,11 @@ struct VirtualDeviceConfig {
     uint8_t usbColorFormat = 2;
     uint32_t latencyMs = 0;
     FaultPlan faults;
+    // The board's microcontroller (read from the settings, its device type
+    // follows modelCode unless set) and the faults it shows from power-on;
+    // tests change the faults later through VirtualHidBackend::Mcu(n).
+    VirtualMcuConfig mcu;
+    VirtualMcuFaults mcuFaults;
 
     // Largest bytes of flash data one data report carries.
     uint32_t OutputChunk() const { return output[kDataReport].Length() - 4; }

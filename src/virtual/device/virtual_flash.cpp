@@ -44,29 +44,23 @@ void VirtualFlash::WriteLe32(uint32_t address, uint32_t value) {
     Write(address, b, 4);
 }
 
+UsbImageOptions FactoryImageOptions(const VirtualDeviceConfig& config, uint32_t flashSize) {
+    UsbImageOptions o;
+    o.size = std::min(o.size, flashSize);
+    o.versionText = VersionText(config.usbFwVersion);
+    o.vid = config.vid;
+    o.pid = config.pid;
+    o.infoBase = config.infoBase;
+    o.modelCode = config.modelCode;
+    o.flashType = config.flashType;
+    o.slot3Text = config.serial;
+    return o;
+}
+
 void VirtualFlash::WriteFactoryImage(const VirtualDeviceConfig& config) {
-    using namespace flash_layout;
     EraseAll();
-    WriteLe32(kConfigBlock, kLoadUpdated);
-    const uint8_t header[8] = {0, 0, 0x01, 0x00,   // header length 0x100
-                               0, 1, 0x00, 0x00};  // boot size 0x10000
-    Write(kHeaderLengthAt, header, sizeof header);
-
-    uint8_t text[16] = {};
-    const std::string version = VersionText(config.usbFwVersion);
-    std::memcpy(text, version.data(), version.size());
-    Write(kPrivateStart, text, sizeof text);
-    Write(config.infoBase, text, sizeof text);
-
-    const uint8_t ids[4] = {static_cast<uint8_t>(config.vid), static_cast<uint8_t>(config.vid >> 8),
-                            static_cast<uint8_t>(config.pid), static_cast<uint8_t>(config.pid >> 8)};
-    Write(kVidAt, ids, sizeof ids);
-
-    uint8_t info[2 + 32] = {config.modelCode, config.flashType};
-    for (size_t i = 0; i < version.size(); ++i) info[2 + 2 * i] = static_cast<uint8_t>(version[i]);
-    if (uint64_t{config.infoBase} + kInfoBlockOffset < Size()) {
-        Write(config.infoBase + kInfoBlockOffset, info, sizeof info);
-    }
+    const std::vector<uint8_t> image = BuildUsbImage(FactoryImageOptions(config, Size()));
+    Write(0, image.data(), static_cast<uint32_t>(image.size()));
 }
 
 BootChoice DecideBoot(const VirtualFlash& flash, const std::array<uint8_t, 4>& originalVersion) {

@@ -14,29 +14,10 @@
 #include <vector>
 
 #include "virtual/device/flash_chip_table.h"
+#include "virtual/device/usb_image.h"
 #include "virtual/device/virtual_device_config.h"
 
 namespace VideoConsoleCore::virtualdev {
-
-// Where things sit in the flash image.
-namespace flash_layout {
-inline constexpr uint32_t kConfigBlock = 0x70000;      // boot configuration, first word
-inline constexpr uint32_t kConfigBlockSize = 0x1000;
-inline constexpr uint32_t kFirmwareStart = 0x180000;
-inline constexpr uint32_t kFirmwareLength = 0x370000;
-inline constexpr uint32_t kHeaderLengthAt = 0x18000C;  // big-endian u32
-inline constexpr uint32_t kBootSizeAt = 0x180010;      // big-endian u32
-inline constexpr uint32_t kPrivateStart = 0x4F0000;    // image version text, 16 bytes
-inline constexpr uint32_t kPrivateLength = 0x10000;
-inline constexpr uint32_t kCustomizedStart = 0x500000;
-inline constexpr uint32_t kCustomizedLength = 0x300000;
-inline constexpr uint32_t kVidAt = kCustomizedStart + 0x20000 + 8;   // u16 little-endian
-inline constexpr uint32_t kPidAt = kCustomizedStart + 0x20000 + 10;  // u16 little-endian
-inline constexpr uint32_t kInfoBlockOffset = 0x20000 + 384;  // from the info base
-// Configuration word values.
-inline constexpr uint32_t kLoadOriginal = 0;
-inline constexpr uint32_t kLoadUpdated = 1;
-}  // namespace flash_layout
 
 class VirtualFlash {
 public:
@@ -59,11 +40,9 @@ public:
     // Erase units programmed into since construction.
     uint64_t SectorErases() const { return sectorErases_; }
 
-    // Fills the flash with the image the device leaves the factory with:
-    // boot configuration "load updated", a firmware area with a valid
-    // header, the version text (config.usbFwVersion) at the Private area and
-    // at the info base, VID/PID and the identification block (model code,
-    // flash type, version text in UTF-16LE).
+    // Erases the flash and writes the image the device leaves the factory
+    // with (FactoryImageOptions): what BuildUsbImage makes of the device's
+    // settings.
     void WriteFactoryImage(const VirtualDeviceConfig& config);
 
 private:
@@ -71,6 +50,12 @@ private:
     uint32_t sectorSize_;
     uint64_t sectorErases_ = 0;
 };
+
+// The factory image of a device: boot configuration "load updated", a
+// firmware area with a valid header, the version text (usbFwVersion), the
+// device's VID/PID, model code and flash type, its serial number in string
+// descriptor slot 3; no longer than `flashSize`.
+UsbImageOptions FactoryImageOptions(const VirtualDeviceConfig& config, uint32_t flashSize);
 
 // What the bridge's boot code decides from the flash.
 struct BootChoice {

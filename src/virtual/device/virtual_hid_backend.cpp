@@ -79,7 +79,8 @@ VirtualHidBackend::VirtualHidBackend(std::vector<VirtualDeviceConfig> configs) {
         device->flash = std::make_unique<VirtualFlash>(FlashGeometryFor(device->config.flashIndex));
         device->flash->WriteFactoryImage(device->config);
         device->bridge = std::make_unique<VirtualBridge>(device->config, *device->flash);
-        device->mcu = std::make_unique<VirtualMcu>();
+        device->mcu = std::make_unique<VirtualMcu>(device->config.mcu);
+        device->mcu->Faults() = device->config.mcuFaults;
         device->bootRequest = std::make_unique<McuBootRequest>(*device->mcu);
         device->bridge->AttachI2cTarget(device->mcu->Address(), device->mcu.get());
         device->bridge->SetBootloaderLine(device->bootRequest.get());

@@ -1,6 +1,6 @@
 #include "virtual/mcu/mcu_image.h"
 
-#include <fstream>
+#include "virtual/binary_file.h"
 
 namespace VideoConsoleCore::virtualdev {
 
@@ -39,10 +39,7 @@ std::vector<uint8_t> BuildMcuImage(const McuImageOptions& o) {
 }
 
 bool WriteMcuImageFile(const std::string& path, const std::vector<uint8_t>& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    if (!out) return false;
-    out.write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
-    return bool(out);
+    return WriteBinaryFile(path, bytes);
 }
 
 bool McuImageStartable(const uint8_t* image, size_t size) {

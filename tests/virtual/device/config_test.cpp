@@ -125,4 +125,12 @@ TEST(VirtualDeviceConfig, ShippedSampleDescribesTwoAcceptedDevices) {
     }
     EXPECT_EQ(configs[1].portLevel, 2);
     EXPECT_EQ(configs[1].flashIndex, 32);
+    // Two different boards, each microcontroller the one its model expects,
+    // each able to take a bootloader page frame in one IIC report.
+    EXPECT_NE(configs[0].mcu.boardVariant, configs[1].mcu.boardVariant);
+    EXPECT_NE(configs[0].mcu.firmwareVersion, configs[1].mcu.firmwareVersion);
+    for (const VirtualDeviceConfig& c : configs) {
+        EXPECT_EQ(c.mcu.deviceType, c.modelCode);
+        EXPECT_GE(c.output[kIicReport].count, 141);
+    }
 }
