@@ -143,3 +143,28 @@ TEST_F(Mcu, SaveReportsEachEndStatus) {
     EXPECT_FALSE(core_.SaveParameters());
     EXPECT_EQ(MessageLog::All(), std::string(kRefuseSaveParameters));
 }
+
+namespace {
+class McuTiming : public VirtualSession {};
+}  // namespace
+
+// Slow: 300 looks at the work mode, 10 ms apart.
+TEST_F(McuTiming, WorkModeStuckBetweenTheTwoTimesOut) {
+    // The jump to the bootloader takes far longer than the library waits:
+    // the work mode reads 2 all along.
+    Start("Virtual0_McuBootJumpMs=60000\n");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(EnterMcuBootloader(core_), 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_EQ(MessageLog::All(), "set boot mode time out!\n");
+}
+
+TEST_F(McuTiming, SaveBusyThenComplete) {
+    // Busy at the first look (100 ms after the command), done at the second.
+    Start("Virtual0_McuSaveMs=150\n");
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(core_.SaveParameters());
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+    EXPECT_EQ(MessageLog::All(), "Save Parameters Complete!");
+    EXPECT_TRUE(Device().Mcu(0).HasSavedParameters());
+}

@@ -41,10 +41,11 @@ struct UsbImageOptions {
     // refuses 0, 0xFFFFFFFF and a sum beyond the firmware area.
     uint32_t headerLength = 0x100;
     uint32_t bootSize = 0x10000;
-    // Up to 16 ASCII characters, normally "xx.xx.xx.xx": the Private area's
-    // version text, the text at the info base and, in UTF-16LE, the one in
-    // the identification block.
-    std::string versionText = "01.00.01.09";
+    // Up to 16 ASCII characters, normally "xx.xx.xx.xx.bbbb" (version and
+    // build; the boot code runs the version of the first eleven): the
+    // Private area's version text, the text at the info base and, in
+    // UTF-16LE, the one in the identification block.
+    std::string versionText = "01.00.01.09.0000";
     uint16_t vid = 0xFFF0;
     uint16_t pid = 0x0C01;
     // Identification block at infoBase + 0x20000 + 384: model code (chip

@@ -171,6 +171,16 @@ std::string VersionText(const std::array<uint8_t, 4>& version) {
     return text;
 }
 
+std::string StoredVersionText(const std::array<uint8_t, 4>& version, uint16_t build) {
+    char text[24];
+    std::snprintf(text, sizeof text, "%s.%04x", VersionText(version).c_str(), build);
+    return text;
+}
+
+bool ParseStoredVersionText(const std::string& text, std::array<uint8_t, 4>& out) {
+    return ParseVersionText(text.substr(0, 11), out);
+}
+
 bool ParseFailCall(const std::string& text, HidCall& call, uint32_t& at) {
     static const std::pair<const char*, HidCall> kNames[] = {
         {"Open", HidCall::kOpen},
@@ -226,6 +236,7 @@ VirtualDeviceConfig ReadVirtualDeviceConfig(const SettingsTable& settings, int n
     if (const std::string* text = Find(settings, p + "OriginalFwVersion")) {
         ParseVersionText(*text, config.originalFwVersion);
     }
+    SetNumber(settings, p + "UsbFwBuild", 16, 0, 0xFFFF, config.usbFwBuild);
     SetNumber(settings, p + "InfoBase", 16, 0, 0x7FFFFFFF, config.infoBase);
 
     static const char* const kKindNames[3] = {"Data", "Cmd", "Iic"};

@@ -69,14 +69,17 @@ struct VirtualDeviceConfig {
     // Running version of the firmware stored in the flash image, and of the
     // bridge's original (boot ROM) firmware: four bytes, xx.xx.xx.xx.
     std::array<uint8_t, 4> usbFwVersion{1, 0, 1, 9};
+    // Build number behind the version in the stored 16-character version
+    // text, "xx.xx.xx.xx.bbbb" (hexadecimal).
+    uint16_t usbFwBuild = 0;
     std::array<uint8_t, 4> originalFwVersion{1, 0, 0, 0};
     // Flash address where the library's "firmware-area base" points: the
     // stored version text sits here and the identification block at
     // + 0x20000 + 384.
     uint32_t infoBase = 0x4F0000;
     // Output reports (index = ReportKind) and input reports.
-    std::array<ReportShape, 3> output{{{1, 4099}, {2, 64}, {3, 64}}};
-    std::array<ReportShape, 3> input{{{1, 4099}, {2, 64}, {3, 64}}};
+    std::array<ReportShape, 3> output{{{1, 4099}, {2, 64}, {3, 160}}};
+    std::array<ReportShape, 3> input{{{1, 4099}, {2, 64}, {3, 160}}};
     std::array<uint8_t, 24> hdmiInfo{};
     uint16_t usbWidth = 1920;
     uint16_t usbHeight = 1080;
@@ -112,6 +115,11 @@ VirtualDeviceConfig ReadVirtualDeviceConfig(const SettingsTable& settings, int n
 // text is not of that form.
 bool ParseVersionText(const std::string& text, std::array<uint8_t, 4>& out);
 std::string VersionText(const std::array<uint8_t, 4>& version);
+// The 16-character text a flash image stores: the version and its build,
+// "xx.xx.xx.xx.bbbb".
+std::string StoredVersionText(const std::array<uint8_t, 4>& version, uint16_t build);
+// The running version of a stored text: its first eleven characters.
+bool ParseStoredVersionText(const std::string& text, std::array<uint8_t, 4>& out);
 
 // "SetOutputReport:5" -> (kSetOutputReport, 5); false when malformed.
 bool ParseFailCall(const std::string& text, HidCall& call, uint32_t& at);

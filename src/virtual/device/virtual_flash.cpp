@@ -47,7 +47,7 @@ void VirtualFlash::WriteLe32(uint32_t address, uint32_t value) {
 UsbImageOptions FactoryImageOptions(const VirtualDeviceConfig& config, uint32_t flashSize) {
     UsbImageOptions o;
     o.size = std::min(o.size, flashSize);
-    o.versionText = VersionText(config.usbFwVersion);
+    o.versionText = StoredVersionText(config.usbFwVersion, config.usbFwBuild);
     o.vid = config.vid;
     o.pid = config.pid;
     o.infoBase = config.infoBase;
@@ -77,7 +77,7 @@ BootChoice DecideBoot(const VirtualFlash& flash, const std::array<uint8_t, 4>& o
     char text[17] = {};
     flash.Read(kPrivateStart, reinterpret_cast<uint8_t*>(text), 16);
     std::array<uint8_t, 4> version{};
-    if (!ParseVersionText(std::string(text), version)) return choice;
+    if (!ParseStoredVersionText(std::string(text), version)) return choice;
     choice.updated = true;
     choice.version = version;
     return choice;

@@ -207,7 +207,7 @@ TEST_F(BridgeTest, FactoryImageCarriesTheIdentificationBlock) {
     EXPECT_EQ(block[385], c.flashType);
     std::string text;
     for (int i = 0; i < 16; ++i) text += static_cast<char>(block[386 + 2 * i]);
-    EXPECT_EQ(text.c_str(), VersionText(c.usbFwVersion));
+    EXPECT_EQ(text, StoredVersionText(c.usbFwVersion, c.usbFwBuild));
     EXPECT_EQ(block[387], 0);  // UTF-16LE high byte
     std::vector<uint8_t> ids;
     ASSERT_TRUE(host_.FlashSetup(3, layout::kVidAt, 4));
@@ -372,18 +372,18 @@ TEST_F(BridgeTest, IicRoutesByAddressAndNacksTheUnknown) {
 TEST_F(BridgeTest, IicCountsBeyondTheReportsAreRefusedNotFollowed) {
     RegisterChip chip;
     backend_->Bridge(0).AttachI2cTarget(0x1A, &chip);
-    // Claims 200 data bytes in a 64-byte report.
+    // Claims 200 data bytes in a 160-byte report.
     auto r = host_.OutReport(kIicReport, bridge_cmd::kIicWrite, 0x04, {0x1A, 200});
     ASSERT_TRUE(host_.Send(r));
     EXPECT_EQ(host_.Request(kIicReport, bridge_cmd::kIicWrite)[0], kIicBadRequest);
     EXPECT_EQ(chip.writes, 0);
     // Asks for more bytes than the input report can carry.
     std::vector<uint8_t> out;
-    auto read = host_.OutReport(kIicReport, bridge_cmd::kIicRead, 0x05, {0x1A, 1, 0xC8, 65});
+    auto read = host_.OutReport(kIicReport, bridge_cmd::kIicRead, 0x05, {0x1A, 1, 0xC8, 161});
     ASSERT_TRUE(host_.Send(read));
     EXPECT_EQ(host_.Request(kIicReport, bridge_cmd::kIicRead)[0], kIicBadRequest);
-    // 64 fits exactly (status + 64 in a 65-byte report).
-    EXPECT_EQ(host_.IicRead(0x1A, {0xC8}, 64, out), kIicAck);
+    // 160 fits exactly (status + 160 in a 161-byte report).
+    EXPECT_EQ(host_.IicRead(0x1A, {0xC8}, 160, out), kIicAck);
 }
 
 // ---- Malformed traffic ------------------------------------------------
