@@ -4,6 +4,7 @@
 // session_harness.h), on the Linux library and on the DLL under Wine.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -172,4 +173,72 @@ TEST_F(ApiSession, InformationQueries) {
     EXPECT_EQ(KORVSDK_Get_MCU_Info(), 1);
     ASSERT_EQ(g_stateMessages.size(), 1u);
     EXPECT_NE(g_stateMessages[0].find("EDID: true"), std::string::npos) << g_stateMessages[0];
+}
+
+namespace {
+
+struct ExportedControl {
+    const char* name;
+    KORVSDK_BOOL (*set)(uint8_t);
+    KORVSDK_BOOL (*get)(uint8_t*);
+    uint8_t value;
+};
+
+const ExportedControl kExportedControls[] = {
+    {"AUX in mute", KORVSDK_Audio_Set_AUX_In_Mute, KORVSDK_Audio_Get_AUX_In_Mute, 1},
+    {"AUX in volume", KORVSDK_Audio_Set_AUX_In_Volume, KORVSDK_Audio_Get_AUX_In_Volume, 61},
+    {"HP out mute", KORVSDK_Audio_Set_HP_Out_Mute, KORVSDK_Audio_Get_HP_Out_Mute, 1},
+    {"HP out volume", KORVSDK_Audio_Set_HP_Out_Volume, KORVSDK_Audio_Get_HP_Out_Volume, 62},
+    {"MIC in mute", KORVSDK_Audio_Set_MIC_In_Mute, KORVSDK_Audio_Get_MIC_In_Mute, 1},
+    {"MIC in volume", KORVSDK_Audio_Set_MIC_In_Volume, KORVSDK_Audio_Get_MIC_In_Volume, 63},
+    {"side-tone mute", KORVSDK_Audio_Set_HDMI_SideTone_Mute,
+     KORVSDK_Audio_Get_HDMI_SideTone_Mute, 1},
+    {"side-tone volume", KORVSDK_Audio_Set_HDMI_SideTone_Volume,
+     KORVSDK_Audio_Get_HDMI_SideTone_Volume, 64},
+};
+
+}  // namespace
+
+TEST_F(ApiSession, EveryAudioControlRoundTrips) {
+    Begin("VirtualDeviceCount=1\n");
+    for (const ExportedControl& c : kExportedControls) {
+        uint8_t back = 0xEE;
+        ASSERT_EQ(c.set(c.value), 1) << c.name;
+        ASSERT_EQ(c.get(&back), 1) << c.name;
+        EXPECT_EQ(back, c.value) << c.name;
+        ASSERT_EQ(c.set(0), 1) << c.name;
+        ASSERT_EQ(c.get(&back), 1) << c.name;
+        EXPECT_EQ(back, 0) << c.name;
+    }
+}
+
+// The codec probe through the microcontroller's I2C master, for each board.
+class ApiAudioChip : public ApiSession, public ::testing::WithParamInterface<int> {};
+
+TEST_P(ApiAudioChip, FoundOnEveryBoardVariant) {
+    const int variant = GetParam();
+    Begin("Virtual0_BoardVariant=" + std::to_string(variant) + "\nCheckAudioViaMCUI2C=1\n");
+    EXPECT_EQ(KORVSDK_Check_Is_AudioIC_OnBoard(), 1);
+    char expected[96];
+    std::snprintf(expected, sizeof expected, "[Check_Audio] AudioIC:0x%02x, MCU:true, I2C:%s",
+                  variant, variant == 3 ? "Not Support" : "true");
+    EXPECT_EQ(g_stateMessages.back(), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Boards, ApiAudioChip, ::testing::Range(0, 5));
+
+TEST_F(ApiSession, AudioChipCheckWithoutProbe) {
+    Begin("Virtual0_BoardVariant=1\nCheckAudioViaMCUI2C=0\n");
+    EXPECT_EQ(KORVSDK_Check_Is_AudioIC_OnBoard(), 1);
+    EXPECT_EQ(g_stateMessages.back(), "[Check_Audio] AudioIC:0x01, MCU:true");
+}
+
+TEST_F(ApiSession, McuInformationOfAnOlderFirmware) {
+    // What an older microcontroller firmware answers instead of the EDID.
+    std::string edid = "12 34 56 78 ff";
+    for (int i = 5; i < 128; ++i) edid += " 00";
+    Begin("Virtual0_Edid=" + edid + "\n");
+    EXPECT_EQ(KORVSDK_Get_MCU_Info(), 1);
+    EXPECT_NE(g_stateMessages.back().find("EDID: true, 12 34 56 78 ff 00"), std::string::npos)
+        << g_stateMessages.back();
 }
