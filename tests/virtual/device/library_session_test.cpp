@@ -62,29 +62,6 @@ protected:
 
 }  // namespace
 
-TEST_F(LibrarySession, FlashIdentificationFindsTheConfiguredPart) {
-    ASSERT_TRUE(ReadFlashIdentification(core));
-    EXPECT_EQ(core.m_flashDeviceId, device->Config(0).flashIndex);
-    EXPECT_EQ(core.m_flashDevice.totalBlocks, 256);  // the default 16 MiB part
-}
-
-TEST_F(LibrarySession, RunningVersionSitsInTheChipRegisters) {
-    uint32_t words[4] = {};
-    const uint32_t addresses[4] = {0x54, 0x58, 0x5C, 0x60};
-    for (int i = 0; i < 4; ++i)
-        ASSERT_EQ(AccessChipRegister(core, kChipRegisterReadOp, addresses[i], &words[i]), 1u);
-    const auto& version = device->Config(0).usbFwVersion;
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(words[i] & 0xFF, version[static_cast<size_t>(i)]) << i;
-}
-
-TEST_F(LibrarySession, IdentificationBlockCarriesTheModelCode) {
-    core.m_flashBaseAddress = device->Config(0).infoBase;
-    char text[18] = {};
-    ASSERT_EQ(ReadFlashInfoBlock(core, text), 1u);
-    EXPECT_EQ(core.m_chipType, device->Config(0).modelCode);
-    EXPECT_EQ(core.m_flashType, device->Config(0).flashType);
-}
-
 TEST_F(LibrarySession, FlashWriteReadVerifyRoundTrip) {
     // A region of the Private area, longer than one 4096-byte chunk.
     constexpr uint32_t kAddress = 0x4F8000;
@@ -105,18 +82,3 @@ TEST_F(LibrarySession, FlashWriteReadVerifyRoundTrip) {
     EXPECT_EQ(BurstFlashAccess(core, kFlashOpRead, 6000, pattern.data(), 0), 0u);
 }
 
-TEST_F(LibrarySession, MicrocontrollerAnswersThroughTheI2cTunnel) {
-    EXPECT_EQ(McuRegister(0xA1), 0x17);  // the factory application's version
-    EXPECT_EQ(McuRegister(0xA2), 0x00);  // board variant
-
-    uint8_t none[2] = {0xA1, 0};
-    ASSERT_EQ(AccessIicData(core, kIicRead, 0x2B, 1, none, 1), 1u);
-    EXPECT_NE(none[0], 0) << "nobody answers at 0x2B";
-}
-
-TEST_F(LibrarySession, GpioPinOneSendsTheMicrocontrollerToItsBootloader) {
-    uint8_t output = 1;
-    ASSERT_EQ(AccessGpio(core, kGpioSetOp, 1, &output), 1u);
-    ASSERT_EQ(AccessGpio(core, kGpioWriteOp, 1, &output), 1u);
-    EXPECT_EQ(device->Mcu(0).Mode(), virtualdev::McuMode::Bootloader);
-}

@@ -33,16 +33,6 @@ public:
     std::vector<std::vector<uint8_t>> writes, reads;
 };
 
-TEST(McuBridgeEdid, TheLibrarysFirst32BytesCarryTheHeader) {
-    VirtualMcu mcu;
-    const auto edid = ReadTxEdid(mcu, 0x00, 0x20);
-    ASSERT_TRUE(edid.has_value());
-    ASSERT_EQ(edid->size(), 32u);
-    const std::vector<uint8_t> header{0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00};
-    EXPECT_TRUE(std::equal(header.begin(), header.end(), edid->begin()));
-    EXPECT_TRUE(std::equal(edid->begin(), edid->end(), BuildDefaultEdid().begin()));
-}
-
 TEST(McuBridgeEdid, AWholeBlockReadInFourChunksIsTheMonitorsEdid) {
     VirtualMcuConfig config;
     std::vector<uint8_t> edid = BuildDefaultEdid();
@@ -111,16 +101,6 @@ bool LibraryProbe(VirtualMcu& mcu, uint8_t variant) {
         case 3: return false;
         case 4: return probe(0x38, 0xFE, 0x10, 0xEC);
         default: return probe(0x34, 0xFE, 0x10, 0xEC);
-    }
-}
-
-TEST(McuBridgeCodec, EachBoardVariantAnswersTheProbeMadeForIt) {
-    for (uint8_t variant : {0, 1, 2, 4, 7}) {
-        VirtualMcuConfig config;
-        config.boardVariant = variant;
-        VirtualMcu mcu(config);
-        EXPECT_TRUE(LibraryProbe(mcu, variant)) << int(variant);
-        EXPECT_EQ(ReadRegs(mcu, 0xA2, 1)->at(0), variant);
     }
 }
 
@@ -208,31 +188,11 @@ TEST(McuBridge, ABusyTransactionHoldsTheStatusAndRefusesANewOne) {
     EXPECT_EQ(ReadRegs(mcu, 0xCE, 2), (std::vector<uint8_t>{0x10, 0xEC}));
 }
 
-TEST(McuBridge, TheLibrarysTenPollsCoverNineHundredMilliseconds) {
-    VirtualMcuConfig config;
-    config.timings.bridgeMs = 900;
-    VirtualMcu fits(config);
-    EXPECT_TRUE(BridgeRead(fits, 1, 0x34, 0xFE, 1, 2).has_value());
-    config.timings.bridgeMs = 901;
-    VirtualMcu late(config);
-    EXPECT_FALSE(BridgeRead(late, 1, 0x34, 0xFE, 1, 2).has_value());
-}
-
 TEST(McuBridge, MalformedFramesAreNotAcknowledged) {
     VirtualMcu mcu;
     EXPECT_FALSE(WriteBytes(mcu, {0xCD, 0x80, 0x6A, 0x01, 0x30}));              // no count
     EXPECT_FALSE(WriteBytes(mcu, {0xCD, 0x00, 0x6A, 0x01, 0x2E, 0x02, 0x03}));  // one data byte short
     EXPECT_FALSE(WriteBytes(mcu, {0xCD, 0x80, 0x6A, 0x02, 0x30, 0x20}));        // address short
-}
-
-TEST(McuFaults, ABridgeTransactionThatNeverCompletes) {
-    VirtualMcu mcu;
-    mcu.Faults().bridgeNeverCompletes = true;
-    ASSERT_TRUE(WriteBytes(mcu, BridgeFrame(true, 0, 0x6A, 0x30, 1, 0x20)));
-    EXPECT_FALSE(PollBridge(mcu));
-    mcu.Advance(60000);
-    EXPECT_EQ(ReadReg(mcu, 0xCF), VirtualMcu::kBridgeBusy);
-    EXPECT_FALSE(ReadTxEdid(mcu, 0, 32).has_value());
 }
 
 }  // namespace
