@@ -18,3 +18,17 @@ if(CMAKE_CROSSCOMPILING)
   endforeach()
   target_include_directories(korvsdk_spdlog SYSTEM INTERFACE ${_korvsdk_host_headers})
 endif()
+
+# CLI11 and nlohmann-json (Debian's libcli11-dev, nlohmann-json3-dev) are
+# header-only; korvtool uses them. The cross build sees them through the same
+# kind of link folder as spdlog and fmt.
+add_library(korvsdk_cli_deps INTERFACE)
+if(CMAKE_CROSSCOMPILING)
+  foreach(_dir CLI nlohmann)
+    if(NOT EXISTS /usr/include/${_dir})
+      message(FATAL_ERROR "/usr/include/${_dir} is missing: run scripts/install-deps.sh")
+    endif()
+    file(CREATE_LINK /usr/include/${_dir} ${_korvsdk_host_headers}/${_dir} SYMBOLIC)
+  endforeach()
+  target_include_directories(korvsdk_cli_deps SYSTEM INTERFACE ${_korvsdk_host_headers})
+endif()
