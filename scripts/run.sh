@@ -13,7 +13,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 
 ./scripts/install-deps.sh
-echo "Building the library and korvtool (the first build takes a few minutes)..."
+echo "Building the library and korvtool (the first build takes a few minutes)..." >&2
 cmake -S . -B build/linux >/dev/null
 cmake --build build/linux -j"$(nproc 2>/dev/null || echo 2)" --target korvtool >/dev/null
 korvtool="$root/build/linux/bin/korvtool"
