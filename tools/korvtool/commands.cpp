@@ -79,6 +79,14 @@ uint8_t ReadControl(Session& session, const char* name, KORVSDK_BOOL (*get)(uint
     return value;
 }
 
+// Runs one device operation of the library; a refusal ends the command with
+// `failed`, what the library said about it, and `advice`.
+void Require(Session& session, KORVSDK_BOOL (*operation)(), const std::string& failed,
+             const std::string& advice) {
+    session.BeginCall();
+    if (!operation()) throw Failure(failed + Quote(session.LastWords()) + "; " + advice);
+}
+
 template <typename T>
 struct Found {
     std::string message;
@@ -274,11 +282,8 @@ CommandResult SetAudio(Session& session, const DeviceChoice& choice, const Audio
 
 CommandResult ShowHdmiInfo(Session& session, const DeviceChoice& choice) {
     CommandResult result = StartOnDevice(session, choice);
-    session.BeginCall();
-    if (!KORVSDK_Get_HDMI_Info()) {
-        throw Failure("the HDMI information query failed" + Quote(session.LastWords()) +
-                      "; re-plug the device and try again");
-    }
+    Require(session, KORVSDK_Get_HDMI_Info, "the HDMI information query failed",
+            "re-plug the device and try again");
     const auto found = FindMessage(session.Messages(), ParseHdmiInfo);
     if (!found) ThrowNoAnswer("HDMI information", session);
     const std::vector<uint8_t>& bytes = found->value;
@@ -297,12 +302,8 @@ CommandResult ShowHdmiInfo(Session& session, const DeviceChoice& choice) {
 
 CommandResult ShowUsbInfo(Session& session, const DeviceChoice& choice) {
     CommandResult result = StartOnDevice(session, choice);
-    session.BeginCall();
-    if (!KORVSDK_Get_USB_APP_Info()) {
-        throw Failure("the USB stream information query failed" + Quote(session.LastWords()) +
-                      "; the device's USB firmware may be too old to report it (see "
-                      "'korvtool info')");
-    }
+    Require(session, KORVSDK_Get_USB_APP_Info, "the USB stream information query failed",
+            "the device's USB firmware may be too old to report it (see 'korvtool info')");
     const auto found = FindMessage(session.Messages(), ParseUsbInfo);
     if (!found) ThrowNoAnswer("USB stream information", session);
     const UsbStreamInfo& info = found->value;
@@ -320,11 +321,8 @@ CommandResult ShowUsbInfo(Session& session, const DeviceChoice& choice) {
 
 CommandResult ShowMcuInfo(Session& session, const DeviceChoice& choice) {
     CommandResult result = StartOnDevice(session, choice);
-    session.BeginCall();
-    if (!KORVSDK_Get_MCU_Info()) {
-        throw Failure("the microcontroller information query failed" + Quote(session.LastWords()) +
-                      "; 'korvtool info' shows whether the device has a microcontroller");
-    }
+    Require(session, KORVSDK_Get_MCU_Info, "the microcontroller information query failed",
+            "'korvtool info' shows whether the device has a microcontroller");
     const auto found = FindMessage(session.Messages(), ParseMcuInfo);
     if (!found) {
         // A summary of another form is still worth showing as it came.
@@ -359,11 +357,8 @@ CommandResult ShowMcuInfo(Session& session, const DeviceChoice& choice) {
 
 CommandResult SaveParameters(Session& session, const DeviceChoice& choice) {
     CommandResult result = StartOnDevice(session, choice);
-    session.BeginCall();
-    if (!KORVSDK_Save_Audio_HDCP_Parameters()) {
-        throw Failure("saving the parameters failed" + Quote(session.LastWords()) +
-                      "; try again, and re-plug the device if it keeps failing");
-    }
+    Require(session, KORVSDK_Save_Audio_HDCP_Parameters, "saving the parameters failed",
+            "try again, and re-plug the device if it keeps failing");
     result.json["saved"] = true;
     result.text += "Saved the device's current parameters (audio settings): it keeps them when "
                    "it is unplugged.\n";
@@ -372,11 +367,8 @@ CommandResult SaveParameters(Session& session, const DeviceChoice& choice) {
 
 CommandResult CheckBootMode(Session& session, const DeviceChoice& choice) {
     CommandResult result = StartOnDevice(session, choice);
-    session.BeginCall();
-    if (!KORVSDK_Check_Is_MCU_OnBoard()) {
-        throw Failure("this device has no microcontroller, so it has no boot mode" +
-                      Quote(session.LastWords()));
-    }
+    Require(session, KORVSDK_Check_Is_MCU_OnBoard, "this device has no microcontroller",
+            "without one there is no boot mode");
     session.BeginCall();
     const int mode = KORVSDK_Check_Is_Boot_Mode();
     result.json["boot_mode"] = BootModeName(mode);
@@ -387,11 +379,8 @@ CommandResult CheckBootMode(Session& session, const DeviceChoice& choice) {
 
 CommandResult EnterBootMode(Session& session, const DeviceChoice& choice) {
     CommandResult result = StartOnDevice(session, choice);
-    session.BeginCall();
-    if (!KORVSDK_Enter_Boot_Mode()) {
-        throw Failure("the microcontroller did not enter boot mode" + Quote(session.LastWords()) +
-                      "; 'korvtool info' shows whether the device has a microcontroller");
-    }
+    Require(session, KORVSDK_Enter_Boot_Mode, "the microcontroller did not enter boot mode",
+            "'korvtool info' shows whether the device has a microcontroller");
     result.json["boot_mode"] = "bootloader";
     result.text += "The microcontroller is in boot mode now: its bootloader runs and waits for a "
                    "firmware update.\n";

@@ -62,26 +62,28 @@ struct CommandLine {
     std::string valueText;
     CLI::Option* configOption = nullptr;
     CLI::Option* deviceOption = nullptr;
-    CLI::App* list = nullptr;
-    CLI::App* info = nullptr;
-    CLI::App* audio = nullptr;
-    CLI::App* audioSet = nullptr;
-    CLI::App* hdmiInfo = nullptr;
-    CLI::App* usbInfo = nullptr;
-    CLI::App* mcuInfo = nullptr;
-    CLI::App* save = nullptr;
-    CLI::App* bootMode = nullptr;
-    CLI::App* bootCheck = nullptr;
-    CLI::App* bootEnter = nullptr;
 
     CommandLine();
 
+    // The full name of the command given ("audio set"), "" when none.
+    std::string Given() const {
+        // A command comes after the one it belongs to: the last one parsed
+        // is the most specific.
+        for (auto it = commands_.rbegin(); it != commands_.rend(); ++it)
+            if (it->second->parsed()) return it->first;
+        return "";
+    }
+
 private:
+    std::vector<std::pair<std::string, CLI::App*>> commands_;
+
     CLI::App* Command(CLI::App& parent, const char* name, const char* summary,
                       const std::string& footer) {
         CLI::App* command = parent.add_subcommand(name, summary);
         command->footer(footer);
         command->group("Commands");
+        const std::string prefix = &parent == &app ? "" : parent.get_name() + " ";
+        commands_.emplace_back(prefix + name, command);
         return command;
     }
 };
@@ -121,10 +123,10 @@ CommandLine::CommandLine() {
     app.add_flag("-v,--verbose", verbose,
                  "Show the library's messages on standard error, each\nline marked [library]");
 
-    list = Command(app, "list", "List the devices found: index, description, VID:PID, serial",
+    Command(app, "list", "List the devices found: index, description, VID:PID, serial",
                    std::string("Lists every device the settings accept (DevIDNum, DevDrvID<n>).\n") +
                        kGlobalOptionsNote);
-    info = Command(app, "info",
+    Command(app, "info",
                    "Show USB type, firmware versions, boot mode and which chips are on board",
                    std::string("USB type 3: the device sits on a port that supports USB 3; 2: a "
                                "USB 2 port.\n"
@@ -132,10 +134,10 @@ CommandLine::CommandLine() {
                                "device has a\nmicrocontroller.\n") +
                        kGlobalOptionsNote);
 
-    audio = Command(app, "audio", "Show the audio controls and states, or set a control",
+    CLI::App* audio = Command(app, "audio", "Show the audio controls and states, or set a control",
                     AudioFooter());
     audio->require_subcommand(0, 1);
-    audioSet = Command(*audio, "set", "Set an audio control and show the value read back",
+    CLI::App* audioSet = Command(*audio, "set", "Set an audio control and show the value read back",
                        AudioFooter());
     audioSet->add_option("NAME", controlName, "The control: one of those listed below")
         ->required();
@@ -144,31 +146,31 @@ CommandLine::CommandLine() {
                              "; for a mute on (muted) or off\n(also 1/0, true/false, yes/no)")
         ->required();
 
-    hdmiInfo = Command(app, "hdmi-info", "Show the HDMI status block the device's firmware reports",
+    Command(app, "hdmi-info", "Show the HDMI status block the device's firmware reports",
                        std::string("The block has 24 bytes, shown in hexadecimal as the firmware "
                                    "sends them.\n") +
                            kGlobalOptionsNote);
-    usbInfo = Command(app, "usb-info", "Show the USB stream: resolution, frame rate, color format",
+    Command(app, "usb-info", "Show the USB stream: resolution, frame rate, color format",
                       std::string("Older USB firmware (such as 01.00.00.09) cannot report the "
                                   "stream; 'korvtool info'\nshows the version.\n") +
                           kGlobalOptionsNote);
-    mcuInfo = Command(app, "mcu-info",
+    Command(app, "mcu-info",
                       "Show the microcontroller's registers and the HDMI splitter's EDID",
                       std::string("Fourteen registers of the microcontroller, and whether the EDID "
                                   "that the HDMI\nsplitter holds for its TX port 1 reads as "
                                   "valid, with its first bytes.\n") +
                           kGlobalOptionsNote);
-    save = Command(app, "save", "Make the device keep its audio settings over a re-plug",
+    Command(app, "save", "Make the device keep its audio settings over a re-plug",
                    std::string("The microcontroller stores its current parameters (the audio "
                                "settings) in its\nown memory.\n") +
                        kGlobalOptionsNote);
-    bootMode = Command(app, "boot-mode", "Check whether the microcontroller is in boot mode, or enter it",
+    CLI::App* bootMode = Command(app, "boot-mode", "Check whether the microcontroller is in boot mode, or enter it",
                        kGlobalOptionsNote);
     bootMode->require_subcommand(0, 1);
-    bootCheck = Command(*bootMode, "check",
+    Command(*bootMode, "check",
                         "Show whether the microcontroller is in boot mode (its bootloader runs)",
                         kGlobalOptionsNote);
-    bootEnter = Command(*bootMode, "enter",
+    Command(*bootMode, "enter",
                         "Switch the microcontroller into boot mode, ready for a firmware update",
                         kGlobalOptionsNote);
 }
@@ -195,21 +197,6 @@ const korvtool::AudioControl& ControlNamed(const std::string& name) {
         names += std::string(names.empty() ? "" : ", ") + known.name;
     throw korvtool::UsageError("there is no audio control '" + name + "': the controls are " +
                                names);
-}
-
-// The name of the command the line asks for ("" when none).
-std::string CommandName(const CommandLine& cli) {
-    const std::pair<const CLI::App*, const char*> commands[] = {
-        {cli.list, "list"},           {cli.info, "info"},
-        {cli.audioSet, "audio set"},  {cli.audio, "audio"},
-        {cli.hdmiInfo, "hdmi-info"},  {cli.usbInfo, "usb-info"},
-        {cli.mcuInfo, "mcu-info"},    {cli.save, "save"},
-        {cli.bootCheck, "boot-mode check"}, {cli.bootEnter, "boot-mode enter"},
-        {cli.bootMode, "boot-mode"},
-    };
-    for (const auto& [app, name] : commands)
-        if (app->parsed()) return name;
-    return "";
 }
 
 // How to run the command `name`. Arguments that can be judged without a
@@ -265,7 +252,7 @@ int main(int argc, char** argv) {
         return korvtool::kExitSuccess;
     }
 
-    const std::string command = CommandName(cli);
+    const std::string command = cli.Given();
     try {
         const std::function<CommandResult(Session&)> run = PrepareCommand(cli, command);
         Session session(cli.verbose);
