@@ -27,7 +27,8 @@ const std::string kTwoDevices = kBase +
                                 "Virtual1_PID=0C02\n"
                                 "Virtual1_Serial=VC00000002\n"
                                 "Virtual1_PortLevel=2\n"
-                                "Virtual1_UsbFwVersion=01.00.00.09\n";
+                                "Virtual1_UsbFwVersion=01.00.00.09\n"
+                                "Virtual1_UsbFwBuild=0002\n";
 const std::string kNoDevice = kOneDevice + "VirtualDeviceCount=0\n";
 
 std::vector<std::string> Lines(const std::string& text) {
@@ -270,7 +271,9 @@ TEST_F(KorvtoolInfo, ShowsTheVirtualDevice) {
     ASSERT_GE(lines.size(), 5u) << result.out;
     EXPECT_EQ(lines[0], "Device 0: Virtual HDMI Capture (FFF0:0C01, serial VC00000001)");
     EXPECT_EQ(lines[1], "  USB type          3 (on a USB 3 port)");
-    EXPECT_EQ(lines[2], "  USB firmware      01.00.01.09");
+    // The stored version text, with the build number the library's
+    // virtual device keeps behind it.
+    EXPECT_EQ(lines[2].rfind("  USB firmware      01.00.01.09", 0), 0u) << lines[2];
     EXPECT_EQ(lines[3], "  Microcontroller   present");
     EXPECT_TRUE(Contains(result.out, "  Boot mode         no (the application runs)\n"))
         << result.out;
@@ -284,7 +287,8 @@ TEST_F(KorvtoolInfo, Json) {
     EXPECT_EQ(doc.value("command", ""), "info");
     EXPECT_EQ(doc["device"]["serial"], "VC00000001");
     EXPECT_EQ(doc["usb_type"], 3);
-    EXPECT_EQ(doc["usb_firmware"], "01.00.01.09");
+    ASSERT_TRUE(doc["usb_firmware"].is_string()) << doc.dump();
+    EXPECT_EQ(doc["usb_firmware"].get<std::string>().rfind("01.00.01.09", 0), 0u) << doc.dump();
     EXPECT_EQ(doc["mcu_on_board"], true);
     ASSERT_TRUE(doc["mcu_firmware"].is_string()) << doc.dump();
     EXPECT_FALSE(doc["mcu_firmware"].get<std::string>().empty());
@@ -302,10 +306,12 @@ TEST_F(KorvtoolInfo, PicksTheDeviceByIndexOrSerial) {
         EXPECT_EQ(doc["device"]["serial"], "VC00000002") << device;
         // What the second device reports, not the first.
         EXPECT_EQ(doc["usb_type"], 2) << device;
-        EXPECT_EQ(doc["usb_firmware"], "01.00.00.09") << device;
+        EXPECT_EQ(doc["usb_firmware"], "01.00.00.09.0002") << device;
     }
     const ProcessResult first = Run({"--config", settings, "-d", "0", "--json", "info"});
-    EXPECT_EQ(Json(first)["usb_firmware"], "01.00.01.09");
+    const json firstDoc = Json(first);
+    EXPECT_EQ(firstDoc["device"]["serial"], "VC00000001");
+    EXPECT_EQ(firstDoc["usb_type"], 3);
 }
 
 TEST_F(KorvtoolInfo, FailsWithoutADevice) {
@@ -367,6 +373,30 @@ TEST_F(KorvtoolMcu, Save) {
     EXPECT_EQ(Json(result)["saved"], true);
 }
 
+TEST_F(KorvtoolMcu, ASaveTheDeviceRefusesIsADeviceFailure) {
+    ExpectErrorLine(Run({"--config", Settings(kOneDevice + "Virtual0_McuSaveResult=0x10\n"), "save"}),
+                    1, "saving the parameters failed (the library says: Save Parameters Erase Error!)");
+}
+
+TEST_F(KorvtoolMcu, ADeviceWithoutAMicrocontroller) {
+    const std::string settings = Settings(kOneDevice + "Virtual0_McuNoAnswer=1\n");
+    const ProcessResult info = Run({"--config", settings, "--json", "info"});
+    EXPECT_EQ(info.exitCode, 0) << info.err;
+    const json doc = Json(info);
+    EXPECT_EQ(doc["mcu_on_board"], false);
+    EXPECT_TRUE(doc["mcu_firmware"].is_null()) << doc.dump();
+    EXPECT_TRUE(doc["boot_mode"].is_null()) << doc.dump();
+
+    ExpectErrorLine(Run({"--config", settings, "audio"}), 1,
+                    "reading hp-out-volume failed: this device has no microcontroller");
+    ExpectErrorLine(Run({"--config", settings, "audio", "set", "mic-in-mute", "on"}), 1,
+                    "setting mic-in-mute to on failed: this device has no microcontroller");
+    ExpectErrorLine(Run({"--config", settings, "save"}), 1, "this device has no microcontroller");
+    ExpectErrorLine(Run({"--config", settings, "boot-mode", "check"}), 1,
+                    "this device has no microcontroller");
+    ExpectErrorLine(Run({"--config", settings, "mcu-info"}), 1, "No MCU detected");
+}
+
 // ---- Audio and the information queries -----------------------------------
 
 using KorvtoolAudio = Korvtool;
@@ -392,6 +422,26 @@ TEST_F(KorvtoolAudio, ShowsEveryControlAndState) {
     EXPECT_TRUE(Contains(result.out, std::string("\n  video-locked      ") +
                                          (locked ? "yes" : "no") + "\n"))
         << result.out;
+}
+
+TEST_F(KorvtoolAudio, ShowsTheStatesTheDeviceReports) {
+    // Two boards whose states differ from each other's in every pair, so
+    // that no state can stand in for another.
+    const std::vector<std::pair<std::string, std::vector<bool>>> boards = {
+        {"Virtual0_VideoLocked=0\nVirtual0_HpMicPlugged=1\nVirtual0_LineInPlugged=0\n",
+         {false, true, false}},
+        {"Virtual0_VideoLocked=1\nVirtual0_HpMicPlugged=0\nVirtual0_LineInPlugged=1\n",
+         {true, false, true}},
+    };
+    for (const auto& [keys, expected] : boards) {
+        SCOPED_TRACE(keys);
+        const ProcessResult result = Run({"--config", Settings(kOneDevice + keys), "--json", "audio"});
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        const json states = Json(result)["states"];
+        EXPECT_EQ(states["video-locked"], expected[0]);
+        EXPECT_EQ(states["hp-mic-plugged"], expected[1]);
+        EXPECT_EQ(states["line-in-plugged"], expected[2]);
+    }
 }
 
 TEST_F(KorvtoolAudio, SetsEachControlAndReadsItBack) {

@@ -69,12 +69,25 @@ std::string BootModeText(int mode) {
     }
 }
 
+// A failed operation of the microcontroller (audio, saving): when the device
+// has none, that is the reason to give.
+ToolError McuOperationFailure(Session& session, const std::string& failed,
+                              const std::string& advice) {
+    const std::string words = session.LastWords();
+    session.BeginCall();
+    if (!KORVSDK_Check_Is_MCU_OnBoard()) {
+        return Failure(failed + ": this device has no microcontroller, which it needs for that "
+                                "('korvtool info' shows what the device carries)");
+    }
+    return Failure(failed + Quote(words) + "; " + advice);
+}
+
 uint8_t ReadControl(Session& session, const char* name, KORVSDK_BOOL (*get)(uint8_t*)) {
     uint8_t value = 0;
     session.BeginCall();
     if (!get(&value)) {
-        throw Failure(std::string("reading ") + name + " failed: the device did not answer" +
-                      Quote(session.LastWords()) + "; re-plug it and try again");
+        throw McuOperationFailure(session, std::string("reading ") + name + " failed",
+                                  "the device did not answer: re-plug it and try again");
     }
     return value;
 }
@@ -259,9 +272,9 @@ CommandResult SetAudio(Session& session, const DeviceChoice& choice, const Audio
     const std::string shown = FormatControlValue(control.kind, value);
     session.BeginCall();
     if (!control.set(value)) {
-        throw Failure(std::string("setting ") + control.name + " to " + shown +
-                      " failed: the device did not take it" + Quote(session.LastWords()) +
-                      "; re-plug it and try again");
+        throw McuOperationFailure(session,
+                                  std::string("setting ") + control.name + " to " + shown + " failed",
+                                  "the device did not take it: re-plug it and try again");
     }
     const uint8_t now = ReadControl(session, control.name, control.get);
     const bool kept = control.kind == ControlKind::kMute ? (now != 0) == (value != 0) : now == value;
@@ -357,8 +370,11 @@ CommandResult ShowMcuInfo(Session& session, const DeviceChoice& choice) {
 
 CommandResult SaveParameters(Session& session, const DeviceChoice& choice) {
     CommandResult result = StartOnDevice(session, choice);
-    Require(session, KORVSDK_Save_Audio_HDCP_Parameters, "saving the parameters failed",
-            "try again, and re-plug the device if it keeps failing");
+    session.BeginCall();
+    if (!KORVSDK_Save_Audio_HDCP_Parameters()) {
+        throw McuOperationFailure(session, "saving the parameters failed",
+                                  "try again, and re-plug the device if it keeps failing");
+    }
     result.json["saved"] = true;
     result.text += "Saved the device's current parameters (audio settings): it keeps them when "
                    "it is unplugged.\n";
