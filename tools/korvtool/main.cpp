@@ -1,70 +1,280 @@
-// korvtool: a console program over the library's exported C API.
+// korvtool: a console program over the library's exported C API. It lists
+// the capture devices, shows their information and states, sets their audio
+// controls and switches the microcontroller into boot mode.
 //
-//   korvtool [--config PATH] [--verbose]
+//   korvtool [--config PATH | --virtual] [--device N|SERIAL] [--json] [--verbose] COMMAND
 //
-// Initialises the library with the given setting.cfg (default: setting.cfg
-// in the working directory), scans for capture devices and lists them.
+// Exit status: 0 success, 1 device or library failure, 2 usage error.
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 
-#include "KORVSDKDeviceTool.h"
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include "commands.h"
+#include "errors.h"
+#include "session.h"
 
 namespace {
 
-bool g_verbose = false;
+using korvtool::CommandResult;
+using korvtool::DeviceChoice;
+using korvtool::Session;
 
-void PrintLibraryText(const char* text) {
-    if (g_verbose) std::fprintf(stderr, "[library] %s", text);
+constexpr const char* kGlobalOptionsNote =
+    "Global options (--config, --virtual, --device, --json, --verbose) may stand before or\n"
+    "after the command; 'korvtool --help' describes them.";
+
+std::string Column(std::string name) {
+    name.resize(18, ' ');
+    return "  " + name;
 }
 
-int Usage(const char* program) {
-    std::fprintf(stderr, "usage: %s [--config PATH] [--verbose]\n", program);
-    return 2;
+std::string AudioFooter() {
+    std::string text = "Controls (korvtool audio set NAME VALUE):\n";
+    for (const korvtool::AudioControl& control : korvtool::AudioControls()) {
+        text += Column(control.name) + control.label +
+                (control.kind == korvtool::ControlKind::kVolume
+                     ? ", 0 to " + std::to_string(korvtool::kVolumeMax)
+                     : std::string(", on (muted) or off")) +
+                "\n";
+    }
+    text += "States (shown by korvtool audio):\n";
+    for (const korvtool::AudioState& state : korvtool::AudioStates())
+        text += Column(state.name) + state.label + "\n";
+    return text + kGlobalOptionsNote;
+}
+
+// The command line: the global options, and one CLI::App per command.
+struct CommandLine {
+    CLI::App app{"korvtool - find, inspect and set up USB HDMI capture devices through the\n"
+                 "KORVSDKDeviceTool library.",
+                 "korvtool"};
+    bool showVersion = false;
+    std::string configPath;
+    bool useVirtual = false;
+    bool json = false;
+    bool verbose = false;
+    std::string device;
+    std::string controlName;
+    std::string valueText;
+    CLI::Option* configOption = nullptr;
+    CLI::Option* deviceOption = nullptr;
+
+    CommandLine();
+
+    // The full name of the command given ("audio set"), "" when none.
+    std::string Given() const {
+        // A command comes after the one it belongs to: the last one parsed
+        // is the most specific.
+        for (auto it = commands_.rbegin(); it != commands_.rend(); ++it)
+            if (it->second->parsed()) return it->first;
+        return "";
+    }
+
+private:
+    std::vector<std::pair<std::string, CLI::App*>> commands_;
+
+    CLI::App* Command(CLI::App& parent, const char* name, const char* summary,
+                      const std::string& footer) {
+        CLI::App* command = parent.add_subcommand(name, summary);
+        command->footer(footer);
+        command->group("Commands");
+        const std::string prefix = &parent == &app ? "" : parent.get_name() + " ";
+        commands_.emplace_back(prefix + name, command);
+        return command;
+    }
+};
+
+CommandLine::CommandLine() {
+    app.fallthrough();  // global options also after the command
+    app.require_subcommand(0, 1);
+    // Speak of commands and arguments; the commands share this formatter.
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    app.get_formatter()->label("Positionals", "Arguments");
+    app.get_formatter()->label("TEXT", "");
+    app.footer(
+        "Settings: without --config or --virtual, korvtool reads setting.cfg in the working\n"
+        "folder. Commands other than list act on one device: the only one found, or the one\n"
+        "--device names by its index in 'korvtool list' or its serial number.\n"
+        "Exit status: 0 success; 1 no device, or a device or library failure; 2 usage error.\n"
+        "Examples:\n"
+        "  korvtool --virtual list\n"
+        "  korvtool --virtual info\n"
+        "  korvtool --config setting.cfg --device VC00000002 audio set hp-out-volume 40\n"
+        "  korvtool --virtual --json audio\n"
+        "Run 'korvtool COMMAND --help' for a command's own help.");
+
+    app.add_flag("--version", showVersion, "Print korvtool's version and exit");
+    configOption = app.add_option("--config", configPath,
+                                  "The setting.cfg to use (default: ./setting.cfg)")
+                       ->type_name("PATH");
+    app.add_flag("--virtual", useVirtual,
+                 "Use the virtual capture device with built-in settings\n"
+                 "(FFF0:0C01, serial VC00000001); nothing needs to exist on disk")
+        ->excludes(configOption);
+    deviceOption = app.add_option("-d,--device", device,
+                                  "The device to act on: its index in 'korvtool list'\n"
+                                  "or its serial number (default: the only device)")
+                       ->type_name("N|SERIAL");
+    app.add_flag("--json", json, "Print the result, or the error, as one JSON document");
+    app.add_flag("-v,--verbose", verbose,
+                 "Show the library's messages on standard error, each\nline marked [library]");
+
+    Command(app, "list", "List the devices found: index, description, VID:PID, serial",
+                   std::string("Lists every device the settings accept (DevIDNum, DevDrvID<n>).\n") +
+                       kGlobalOptionsNote);
+    Command(app, "info",
+                   "Show USB type, firmware versions, boot mode and which chips are on board",
+                   std::string("USB type 3: the device sits on a port that supports USB 3; 2: a "
+                               "USB 2 port.\n"
+                               "Boot mode and the microcontroller's firmware are shown when the "
+                               "device has a\nmicrocontroller.\n") +
+                       kGlobalOptionsNote);
+
+    CLI::App* audio = Command(app, "audio", "Show the audio controls and states, or set a control",
+                    AudioFooter());
+    audio->require_subcommand(0, 1);
+    CLI::App* audioSet = Command(*audio, "set", "Set an audio control and show the value read back",
+                       AudioFooter());
+    audioSet->add_option("NAME", controlName, "The control: one of those listed below")
+        ->required();
+    audioSet->add_option("VALUE", valueText,
+                         "A volume from 0 to " + std::to_string(korvtool::kVolumeMax) +
+                             "; for a mute on (muted) or off\n(also 1/0, true/false, yes/no)")
+        ->required();
+
+    Command(app, "hdmi-info", "Show the HDMI status block the device's firmware reports",
+                       std::string("The block has 24 bytes, shown in hexadecimal as the firmware "
+                                   "sends them.\n") +
+                           kGlobalOptionsNote);
+    Command(app, "usb-info", "Show the USB stream: resolution, frame rate, color format",
+                      std::string("Older USB firmware (such as 01.00.00.09) cannot report the "
+                                  "stream; 'korvtool info'\nshows the version.\n") +
+                          kGlobalOptionsNote);
+    Command(app, "mcu-info",
+                      "Show the microcontroller's registers and the HDMI splitter's EDID",
+                      std::string("Fourteen registers of the microcontroller, and whether the EDID "
+                                  "that the HDMI\nsplitter holds for its TX port 1 reads as "
+                                  "valid, with its first bytes.\n") +
+                          kGlobalOptionsNote);
+    Command(app, "save", "Make the device keep its audio settings over a re-plug",
+                   std::string("The microcontroller stores its current parameters (the audio "
+                               "settings) in its\nown memory.\n") +
+                       kGlobalOptionsNote);
+    CLI::App* bootMode = Command(app, "boot-mode", "Check whether the microcontroller is in boot mode, or enter it",
+                       kGlobalOptionsNote);
+    bootMode->require_subcommand(0, 1);
+    Command(*bootMode, "check",
+                        "Show whether the microcontroller is in boot mode (its bootloader runs)",
+                        kGlobalOptionsNote);
+    Command(*bootMode, "enter",
+                        "Switch the microcontroller into boot mode, ready for a firmware update",
+                        kGlobalOptionsNote);
+}
+
+void PrintError(const std::string& command, const std::string& text, int status, bool json) {
+    std::fprintf(stderr, "korvtool: error: %s\n", text.c_str());
+    if (json) {
+        const nlohmann::ordered_json doc = {
+            {"command", command}, {"ok", false}, {"error", text}, {"exit_code", status}};
+        std::printf("%s\n", doc.dump(2).c_str());
+    }
+}
+
+bool ArgumentsAskForJson(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i)
+        if (std::strcmp(argv[i], "--json") == 0) return true;
+    return false;
+}
+
+const korvtool::AudioControl& ControlNamed(const std::string& name) {
+    if (const korvtool::AudioControl* control = korvtool::FindAudioControl(name)) return *control;
+    std::string names;
+    for (const korvtool::AudioControl& known : korvtool::AudioControls())
+        names += std::string(names.empty() ? "" : ", ") + known.name;
+    throw korvtool::UsageError("there is no audio control '" + name + "': the controls are " +
+                               names);
+}
+
+// How to run the command `name`. Arguments that can be judged without a
+// device are judged here, before the library starts.
+std::function<CommandResult(Session&)> PrepareCommand(const CommandLine& cli,
+                                                      const std::string& name) {
+    const DeviceChoice choice =
+        cli.deviceOption->count() > 0 ? DeviceChoice(cli.device) : std::nullopt;
+    auto onDevice = [choice](CommandResult (*command)(Session&, const DeviceChoice&)) {
+        return std::function<CommandResult(Session&)>(
+            [choice, command](Session& s) { return command(s, choice); });
+    };
+    if (name == "list") return [](Session& s) { return korvtool::ListDevices(s); };
+    if (name == "info") return onDevice(korvtool::ShowInfo);
+    if (name == "audio set") {
+        const korvtool::AudioControl& control = ControlNamed(cli.controlName);
+        const uint8_t value = korvtool::ParseControlValue(control.name, control.kind, cli.valueText);
+        return [choice, &control, value](Session& s) {
+            return korvtool::SetAudio(s, choice, control, value);
+        };
+    }
+    if (name == "audio") return onDevice(korvtool::ShowAudio);
+    if (name == "hdmi-info") return onDevice(korvtool::ShowHdmiInfo);
+    if (name == "usb-info") return onDevice(korvtool::ShowUsbInfo);
+    if (name == "mcu-info") return onDevice(korvtool::ShowMcuInfo);
+    if (name == "save") return onDevice(korvtool::SaveParameters);
+    if (name == "boot-mode check") return onDevice(korvtool::CheckBootMode);
+    if (name == "boot-mode enter") return onDevice(korvtool::EnterBootMode);
+    if (name == "boot-mode") {
+        throw korvtool::UsageError(
+            "boot-mode needs check or enter (run 'korvtool boot-mode --help')");
+    }
+    throw korvtool::UsageError("no command given: run 'korvtool --help' for the commands");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string config = "setting.cfg";
-    for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--config") == 0 && i + 1 < argc) {
-            config = argv[++i];
-        } else if (std::strcmp(argv[i], "--verbose") == 0) {
-            g_verbose = true;
-        } else if (std::strcmp(argv[i], "--help") == 0) {
-            Usage(argv[0]);
-            return 0;
+    CommandLine cli;
+    try {
+        cli.app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return cli.app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return cli.app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        PrintError("", std::string(e.what()) + " (run 'korvtool --help' or 'korvtool COMMAND --help')",
+                   korvtool::kExitUsage, ArgumentsAskForJson(argc, argv));
+        return korvtool::kExitUsage;
+    }
+    if (cli.showVersion) {
+        std::printf("korvtool %s\n", KORVTOOL_VERSION);
+        return korvtool::kExitSuccess;
+    }
+
+    const std::string command = cli.Given();
+    try {
+        const std::function<CommandResult(Session&)> run = PrepareCommand(cli, command);
+        Session session(cli.verbose);
+        korvtool::SettingsSource source;
+        if (cli.configOption->count() > 0) source.configPath = cli.configPath;
+        source.useVirtual = cli.useVirtual;
+        session.Open(source);
+        const CommandResult result = run(session);
+        if (cli.json) {
+            nlohmann::ordered_json doc = {{"command", command}, {"ok", true}};
+            doc.update(result.json);
+            std::printf("%s\n", doc.dump(2).c_str());
         } else {
-            return Usage(argv[0]);
+            std::fputs(result.text.c_str(), stdout);
         }
+        return korvtool::kExitSuccess;
+    } catch (const korvtool::ToolError& e) {
+        PrintError(command, e.what(), e.status(), cli.json);
+        return e.status();
+    } catch (const std::exception& e) {
+        PrintError(command, std::string("unexpected failure: ") + e.what(), korvtool::kExitFailure,
+                   cli.json);
+        return korvtool::kExitFailure;
     }
-
-    // Library texts reach us through the handler; without --verbose they are
-    // kept out of the way.
-    KORVSDK_Set_Debug_Output_Handler(PrintLibraryText);
-
-    if (!KORVSDK_Init(config.c_str())) {
-        std::fprintf(stderr, "error: the library could not be initialised\n");
-        return 1;
-    }
-
-    DeviceEntry* devices = nullptr;
-    uint16_t count = 0;
-    if (!KORVSDK_Scan_DeviceList(&devices, &count)) {
-        std::fprintf(stderr,
-                     "error: the device scan failed: the system's device list could not be "
-                     "read (run with --verbose for the library's messages)\n");
-        return 1;
-    }
-    if (count == 0) {
-        std::printf("No capture device found. Check the cable and the DevIDNum/DevDrvID<n> "
-                    "entries of %s.\n", config.c_str());
-    }
-    for (uint16_t i = 0; i < count; ++i) {
-        std::printf("%u  %s  %s:%s  serial %s\n", static_cast<unsigned>(i),
-                    devices[i].description, devices[i].vid, devices[i].pid, devices[i].instance);
-    }
-    KORVSDK_Free_DeviceList(&devices, &count);
-    return 0;
 }

@@ -1,0 +1,528 @@
+// korvtool run as a separate process against the virtual capture device, the
+// way a user or a script runs it: its output for people, its JSON, and its
+// exit status (0 success, 1 device or library failure, 2 usage error).
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "run_process.h"
+#include "support/test_support.h"
+
+namespace {
+
+using korvtool_test::ProcessResult;
+// Ordered, so that tests see the keys in the order korvtool writes them.
+using json = nlohmann::ordered_json;
+
+// Settings of the virtual device, without a log file.
+const std::string kBase = "DeviceBackend=virtual\nEnableLocalLogging=0\n";
+const std::string kOneDevice = kBase + "DevIDNum=1\nDevDrvID0=USB\\VID_FFF0&PID_0C01\n";
+// The second device sits on a USB 2 port and runs USB firmware too old for
+// the stream query.
+const std::string kTwoDevices = kBase +
+                                "DevIDNum=2\n"
+                                "DevDrvID0=USB\\VID_FFF0&PID_0C01\n"
+                                "DevDrvID1=USB\\VID_FFF0&PID_0C02\n"
+                                "VirtualDeviceCount=2\n"
+                                "Virtual1_PID=0C02\n"
+                                "Virtual1_Serial=VC00000002\n"
+                                "Virtual1_PortLevel=2\n"
+                                "Virtual1_UsbFwVersion=01.00.00.09\n"
+                                "Virtual1_UsbFwBuild=0002\n";
+const std::string kNoDevice = kOneDevice + "VirtualDeviceCount=0\n";
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+class Korvtool : public ::testing::Test {
+protected:
+    // Runs korvtool in the test's own empty working folder.
+    ProcessResult Run(const std::vector<std::string>& args) {
+#ifdef _WIN32
+        const char* name = "korvtool.exe";
+#else
+        const char* name = "korvtool";
+#endif
+        return korvtool_test::RunProcess(korvtool_test::ThisProgramFolder() / name, args,
+                                         work_.path());
+    }
+
+    // Writes a settings file into the working folder; returns its name.
+    std::string Settings(const std::string& text, const std::string& name = "test.cfg") {
+        korvsdk_test::WriteFile(work_.path() / name, text);
+        return name;
+    }
+
+    // The whole standard output as one JSON document.
+    static json Json(const ProcessResult& result) {
+        try {
+            return json::parse(result.out);
+        } catch (const json::exception& e) {
+            ADD_FAILURE() << "not one JSON document (" << e.what() << "):\n" << result.out;
+            return json::object();
+        }
+    }
+
+    const std::filesystem::path& WorkFolder() const { return work_.path(); }
+
+private:
+    korvsdk_test::TempFolder work_;
+};
+
+// A failure: the exit status, nothing on standard output, and one line on
+// standard error that names the problem.
+void ExpectErrorLine(const ProcessResult& result, int status, const std::string& part) {
+    EXPECT_EQ(result.exitCode, status) << result.err;
+    EXPECT_EQ(result.out, "");
+    const std::vector<std::string> lines = Lines(result.err);
+    ASSERT_EQ(lines.size(), 1u) << result.err;
+    EXPECT_EQ(lines[0].rfind("korvtool: error: ", 0), 0u) << lines[0];
+    EXPECT_TRUE(Contains(lines[0], part)) << lines[0];
+}
+
+// A failure with --json: the exit status, and on standard output one JSON
+// document that says the same.
+void ExpectJsonError(const ProcessResult& result, const std::string& command, int status,
+                     const std::string& part) {
+    EXPECT_EQ(result.exitCode, status) << result.err;
+    json doc;
+    ASSERT_NO_THROW(doc = json::parse(result.out)) << result.out;
+    EXPECT_EQ(doc.value("command", ""), command);
+    EXPECT_EQ(doc.value("ok", true), false);
+    EXPECT_EQ(doc.value("exit_code", 0), status);
+    EXPECT_TRUE(Contains(doc.value("error", ""), part)) << doc.dump();
+}
+
+// ---- Help -----------------------------------------------------------------
+
+using KorvtoolHelp = Korvtool;
+
+TEST_F(KorvtoolHelp, ProgramHelpNamesEveryCommandAndGlobalOption) {
+    const ProcessResult result = Run({"--help"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.err, "");
+    for (const char* word : {"list", "info", "audio", "hdmi-info", "usb-info", "mcu-info", "save",
+                             "boot-mode", "--config PATH", "--virtual", "--device N|SERIAL",
+                             "--json", "--verbose", "Exit status: 0 success"})
+        EXPECT_TRUE(Contains(result.out, word)) << word;
+}
+
+TEST_F(KorvtoolHelp, EveryCommandHasItsOwnHelp) {
+    // Help needs no settings file: the working folder is empty.
+    for (const std::vector<std::string>& command :
+         {std::vector<std::string>{"list"}, {"info"}, {"audio"}, {"audio", "set"}, {"hdmi-info"},
+          {"usb-info"}, {"mcu-info"}, {"save"}, {"boot-mode"}, {"boot-mode", "check"},
+          {"boot-mode", "enter"}}) {
+        std::vector<std::string> args = command;
+        args.push_back("--help");
+        const ProcessResult result = Run(args);
+        std::string usage = "Usage: korvtool";
+        for (const std::string& word : command) usage += " " + word;
+        EXPECT_EQ(result.exitCode, 0) << usage;
+        EXPECT_TRUE(Contains(result.out, usage)) << result.out;
+        EXPECT_TRUE(Contains(result.out, "Global options")) << result.out;
+    }
+}
+
+TEST_F(KorvtoolHelp, AudioHelpNamesEveryControlAndState) {
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"audio", "--help"}, {"audio", "set", "--help"}}) {
+        const ProcessResult result = Run(args);
+        EXPECT_EQ(result.exitCode, 0);
+        for (const char* name : {"hp-out-volume", "mic-in-volume", "aux-in-volume", "hp-out-mute",
+                                 "mic-in-mute", "aux-in-mute", "video-locked", "hp-mic-plugged",
+                                 "line-in-plugged", "0 to 100"})
+            EXPECT_TRUE(Contains(result.out, name)) << name;
+    }
+}
+
+// ---- Usage errors (exit 2) ------------------------------------------------
+
+using KorvtoolUsage = Korvtool;
+
+TEST_F(KorvtoolUsage, CommandLineMistakes) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{}, "no command given"},
+        {{"--virtual"}, "no command given"},
+        {{"--virtual", "frob"}, "frob"},
+        {{"--virtual", "--frob", "list"}, "--frob"},
+        {{"--virtual", "--config", "x.cfg", "list"}, "excludes"},
+        {{"--virtual", "boot-mode"}, "check or enter"},
+        {{"--virtual", "audio", "set", "hp-out-volume"}, "VALUE"},
+    };
+    for (const auto& [args, part] : cases) {
+        SCOPED_TRACE(part);
+        ExpectErrorLine(Run(args), 2, part);
+    }
+}
+
+TEST_F(KorvtoolUsage, BadControlNamesAndValues) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"audio", "set", "bass", "3"}, "there is no audio control 'bass'"},
+        {{"audio", "set", "hp-out-volume", "101"}, "from 0 to 100"},
+        {{"audio", "set", "hp-out-mute", "maybe"}, "on (muted) or off"},
+    };
+    for (const auto& [command, part] : cases) {
+        SCOPED_TRACE(part);
+        std::vector<std::string> args = {"--virtual"};
+        args.insert(args.end(), command.begin(), command.end());
+        ExpectErrorLine(Run(args), 2, part);
+    }
+}
+
+TEST_F(KorvtoolUsage, MissingSettingsFiles) {
+    ExpectErrorLine(Run({"--config", "nowhere.cfg", "list"}), 2, "'nowhere.cfg' does not exist");
+    ExpectErrorLine(Run({"list"}), 2, "no setting.cfg in the working folder");
+}
+
+TEST_F(KorvtoolUsage, JsonReportsTheErrorToo) {
+    ExpectJsonError(Run({"--virtual", "--json", "audio", "set", "hp-out-volume", "300"}),
+                    "audio set", 2, "from 0 to 100");
+}
+
+// ---- list -----------------------------------------------------------------
+
+using KorvtoolList = Korvtool;
+
+TEST_F(KorvtoolList, ShowsTheVirtualDevice) {
+    const ProcessResult result = Run({"--virtual", "list"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.err, "") << "library texts belong to --verbose";
+    const std::vector<std::string> lines = Lines(result.out);
+    ASSERT_EQ(lines.size(), 3u) << result.out;
+    EXPECT_EQ(lines[0], "Found 1 capture device:");
+    EXPECT_EQ(lines[2], "  0  Virtual HDMI Capture  FFF0:0C01  VC00000001");
+}
+
+TEST_F(KorvtoolList, JsonListsEveryFieldOfEveryDeviceInScanOrder) {
+    const ProcessResult result = Run({"--config", Settings(kTwoDevices), "--json", "list"});
+    EXPECT_EQ(result.exitCode, 0);
+    const json doc = Json(result);
+    EXPECT_EQ(doc.value("command", ""), "list");
+    EXPECT_EQ(doc.value("ok", false), true);
+    ASSERT_EQ(doc["devices"].size(), 2u) << result.out;
+    EXPECT_EQ(doc["devices"][0],
+              json({{"index", 0}, {"description", "Virtual HDMI Capture"}, {"vid", "FFF0"},
+                    {"pid", "0C01"}, {"serial", "VC00000001"}}));
+    EXPECT_EQ(doc["devices"][1]["index"], 1);
+    EXPECT_EQ(doc["devices"][1]["pid"], "0C02");
+    EXPECT_EQ(doc["devices"][1]["serial"], "VC00000002");
+}
+
+TEST_F(KorvtoolList, NoDeviceIsNotAnError) {
+    ProcessResult result = Run({"--config", Settings(kNoDevice), "list"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(Contains(result.out, "No capture device found.")) << result.out;
+    EXPECT_TRUE(Contains(result.out, "test.cfg")) << "the hint names the settings file";
+
+    result = Run({"--config", Settings(kNoDevice), "--json", "list"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(Json(result)["devices"], json::array());
+}
+
+TEST_F(KorvtoolList, ReadsSettingCfgOfTheWorkingFolderByDefault) {
+    Settings(kTwoDevices, "setting.cfg");
+    const ProcessResult result = Run({"list"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(Contains(result.out, "Found 2 capture devices:")) << result.out;
+}
+
+TEST_F(KorvtoolList, VirtualLeavesNothingInTheWorkingFolder) {
+    EXPECT_EQ(Run({"--virtual", "list"}).exitCode, 0);
+    EXPECT_TRUE(std::filesystem::is_empty(WorkFolder()));
+}
+
+TEST_F(KorvtoolList, VerboseShowsTheLibraryTextsOnStandardError) {
+    const ProcessResult result = Run({"--virtual", "--verbose", "--json", "list"});
+    EXPECT_EQ(result.exitCode, 0);
+    const std::vector<std::string> lines = Lines(result.err);
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "[library] Initialization successful!"),
+              lines.end())
+        << result.err;
+    EXPECT_NE(std::find(lines.begin(), lines.end(),
+                        "[library] Scan Device is completed, 1 device is found."),
+              lines.end())
+        << result.err;
+    EXPECT_EQ(Json(result)["devices"].size(), 1u) << "standard output keeps only the JSON";
+}
+
+// ---- info and device choice -----------------------------------------------
+
+using KorvtoolInfo = Korvtool;
+
+TEST_F(KorvtoolInfo, ShowsTheVirtualDevice) {
+    const ProcessResult result = Run({"--virtual", "info"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    const std::vector<std::string> lines = Lines(result.out);
+    ASSERT_GE(lines.size(), 5u) << result.out;
+    EXPECT_EQ(lines[0], "Device 0: Virtual HDMI Capture (FFF0:0C01, serial VC00000001)");
+    EXPECT_EQ(lines[1], "  USB type          3 (on a USB 3 port)");
+    // The stored version text, with the build number the library's
+    // virtual device keeps behind it.
+    EXPECT_EQ(lines[2].rfind("  USB firmware      01.00.01.09", 0), 0u) << lines[2];
+    EXPECT_EQ(lines[3], "  Microcontroller   present");
+    EXPECT_TRUE(Contains(result.out, "  Boot mode         no (the application runs)\n"))
+        << result.out;
+    EXPECT_TRUE(Contains(result.out, "  Audio chip        ")) << result.out;
+}
+
+TEST_F(KorvtoolInfo, Json) {
+    const ProcessResult result = Run({"--virtual", "--json", "info"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    const json doc = Json(result);
+    EXPECT_EQ(doc.value("command", ""), "info");
+    EXPECT_EQ(doc["device"]["serial"], "VC00000001");
+    EXPECT_EQ(doc["usb_type"], 3);
+    ASSERT_TRUE(doc["usb_firmware"].is_string()) << doc.dump();
+    EXPECT_EQ(doc["usb_firmware"].get<std::string>().rfind("01.00.01.09", 0), 0u) << doc.dump();
+    EXPECT_EQ(doc["mcu_on_board"], true);
+    ASSERT_TRUE(doc["mcu_firmware"].is_string()) << doc.dump();
+    EXPECT_FALSE(doc["mcu_firmware"].get<std::string>().empty());
+    EXPECT_EQ(doc["boot_mode"], "application");
+    EXPECT_TRUE(doc["audio_chip_on_board"].is_boolean()) << doc.dump();
+}
+
+TEST_F(KorvtoolInfo, PicksTheDeviceByIndexOrSerial) {
+    const std::string settings = Settings(kTwoDevices);
+    for (const char* device : {"1", "VC00000002", "vc00000002"}) {
+        const ProcessResult result = Run({"--config", settings, "info", "--device", device, "--json"});
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        const json doc = Json(result);
+        EXPECT_EQ(doc["device"]["index"], 1) << device;
+        EXPECT_EQ(doc["device"]["serial"], "VC00000002") << device;
+        // What the second device reports, not the first.
+        EXPECT_EQ(doc["usb_type"], 2) << device;
+        EXPECT_EQ(doc["usb_firmware"], "01.00.00.09.0002") << device;
+    }
+    const ProcessResult first = Run({"--config", settings, "-d", "0", "--json", "info"});
+    const json firstDoc = Json(first);
+    EXPECT_EQ(firstDoc["device"]["serial"], "VC00000001");
+    EXPECT_EQ(firstDoc["usb_type"], 3);
+}
+
+TEST_F(KorvtoolInfo, FailsWithoutADevice) {
+    ExpectErrorLine(Run({"--config", Settings(kNoDevice), "info"}), 1,
+                    "no capture device found: check that it is plugged in");
+}
+
+TEST_F(KorvtoolInfo, FailsForADeviceThatIsNotThere) {
+    const std::string settings = Settings(kTwoDevices);
+    ExpectErrorLine(Run({"--config", settings, "--device", "5", "info"}), 1,
+                    "there is no device 5: 2 devices were found");
+    ExpectErrorLine(Run({"--config", settings, "--device", "VC00000009", "info"}), 1,
+                    "no device has the serial number 'VC00000009'");
+    ExpectErrorLine(Run({"--config", settings, "info"}), 1, "2 devices found: choose one");
+}
+
+TEST_F(KorvtoolInfo, FailureInJson) {
+    ExpectJsonError(Run({"--config", Settings(kTwoDevices), "--device", "7", "--json", "info"}),
+                    "info", 1, "there is no device 7");
+}
+
+TEST_F(KorvtoolInfo, ADeviceThatStopsAnsweringIsADeviceFailure) {
+    // The device goes after its first report transfer.
+    const ProcessResult result =
+        Run({"--config", Settings(kOneDevice + "Virtual0_UnplugAfter=1\n"), "info"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(Lines(result.err).size(), 1u) << result.err;
+    EXPECT_TRUE(Contains(result.err, "korvtool: error: ")) << result.err;
+}
+
+// ---- boot mode and save ---------------------------------------------------
+
+using KorvtoolMcu = Korvtool;
+
+TEST_F(KorvtoolMcu, BootModeCheck) {
+    ProcessResult result = Run({"--virtual", "boot-mode", "check"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(Contains(result.out, "Boot mode         no (the application runs)")) << result.out;
+
+    result = Run({"--virtual", "--json", "boot-mode", "check"});
+    const json doc = Json(result);
+    EXPECT_EQ(doc.value("command", ""), "boot-mode check");
+    EXPECT_EQ(doc["boot_mode"], "application");
+    EXPECT_EQ(doc["value"], 0);
+}
+
+TEST_F(KorvtoolMcu, BootModeEnter) {
+    const ProcessResult result = Run({"--virtual", "--json", "boot-mode", "enter"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(Json(result)["boot_mode"], "bootloader");
+}
+
+TEST_F(KorvtoolMcu, Save) {
+    ProcessResult result = Run({"--virtual", "save"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(Contains(result.out, "Saved the device's current parameters")) << result.out;
+    result = Run({"--virtual", "save", "--json"});
+    EXPECT_EQ(Json(result)["saved"], true);
+}
+
+TEST_F(KorvtoolMcu, ASaveTheDeviceRefusesIsADeviceFailure) {
+    ExpectErrorLine(Run({"--config", Settings(kOneDevice + "Virtual0_McuSaveResult=0x10\n"), "save"}),
+                    1, "saving the parameters failed (the library says: Save Parameters Erase Error!)");
+}
+
+TEST_F(KorvtoolMcu, ADeviceWithoutAMicrocontroller) {
+    const std::string settings = Settings(kOneDevice + "Virtual0_McuNoAnswer=1\n");
+    const ProcessResult info = Run({"--config", settings, "--json", "info"});
+    EXPECT_EQ(info.exitCode, 0) << info.err;
+    const json doc = Json(info);
+    EXPECT_EQ(doc["mcu_on_board"], false);
+    EXPECT_TRUE(doc["mcu_firmware"].is_null()) << doc.dump();
+    EXPECT_TRUE(doc["boot_mode"].is_null()) << doc.dump();
+
+    ExpectErrorLine(Run({"--config", settings, "audio"}), 1,
+                    "reading hp-out-volume failed: this device has no microcontroller");
+    ExpectErrorLine(Run({"--config", settings, "audio", "set", "mic-in-mute", "on"}), 1,
+                    "setting mic-in-mute to on failed: this device has no microcontroller");
+    ExpectErrorLine(Run({"--config", settings, "save"}), 1, "this device has no microcontroller");
+    ExpectErrorLine(Run({"--config", settings, "boot-mode", "check"}), 1,
+                    "this device has no microcontroller");
+    ExpectErrorLine(Run({"--config", settings, "mcu-info"}), 1, "No MCU detected");
+}
+
+// ---- Audio and the information queries -----------------------------------
+
+using KorvtoolAudio = Korvtool;
+
+TEST_F(KorvtoolAudio, ShowsEveryControlAndState) {
+    ProcessResult result = Run({"--virtual", "--json", "audio"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const json doc = Json(result);
+    for (const char* volume : {"hp-out-volume", "mic-in-volume", "aux-in-volume"}) {
+        ASSERT_TRUE(doc["controls"][volume].is_number_unsigned()) << volume;
+        EXPECT_LE(doc["controls"][volume].get<int>(), 100) << volume;
+    }
+    for (const char* mute : {"hp-out-mute", "mic-in-mute", "aux-in-mute"})
+        EXPECT_TRUE(doc["controls"][mute].is_boolean()) << mute;
+    for (const char* state : {"video-locked", "hp-mic-plugged", "line-in-plugged"})
+        EXPECT_TRUE(doc["states"][state].is_boolean()) << state;
+
+    result = Run({"--virtual", "audio"});
+    EXPECT_EQ(result.exitCode, 0);
+    const std::string volume = std::to_string(doc["controls"]["mic-in-volume"].get<int>());
+    EXPECT_TRUE(Contains(result.out, "\n  mic-in-volume     " + volume + "\n")) << result.out;
+    const bool locked = doc["states"]["video-locked"].get<bool>();
+    EXPECT_TRUE(Contains(result.out, std::string("\n  video-locked      ") +
+                                         (locked ? "yes" : "no") + "\n"))
+        << result.out;
+}
+
+TEST_F(KorvtoolAudio, ShowsTheStatesTheDeviceReports) {
+    // Two boards whose states differ from each other's in every pair, so
+    // that no state can stand in for another.
+    const std::vector<std::pair<std::string, std::vector<bool>>> boards = {
+        {"Virtual0_VideoLocked=0\nVirtual0_HpMicPlugged=1\nVirtual0_LineInPlugged=0\n",
+         {false, true, false}},
+        {"Virtual0_VideoLocked=1\nVirtual0_HpMicPlugged=0\nVirtual0_LineInPlugged=1\n",
+         {true, false, true}},
+    };
+    for (const auto& [keys, expected] : boards) {
+        SCOPED_TRACE(keys);
+        const ProcessResult result = Run({"--config", Settings(kOneDevice + keys), "--json", "audio"});
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        const json states = Json(result)["states"];
+        EXPECT_EQ(states["video-locked"], expected[0]);
+        EXPECT_EQ(states["hp-mic-plugged"], expected[1]);
+        EXPECT_EQ(states["line-in-plugged"], expected[2]);
+    }
+}
+
+TEST_F(KorvtoolAudio, SetsEachControlAndReadsItBack) {
+    const std::vector<std::tuple<std::string, std::string, json>> cases = {
+        {"hp-out-volume", "7", 7},     {"mic-in-volume", "0", 0},  {"aux-in-volume", "100", 100},
+        {"hp-out-mute", "on", true},   {"mic-in-mute", "1", true}, {"aux-in-mute", "yes", true},
+    };
+    for (const auto& [control, value, expected] : cases) {
+        SCOPED_TRACE(control);
+        const ProcessResult result = Run({"--virtual", "--json", "audio", "set", control, value});
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        const json doc = Json(result);
+        EXPECT_EQ(doc["control"], control);
+        EXPECT_EQ(doc["value"], expected);
+    }
+    const ProcessResult result = Run({"--virtual", "audio", "set", "hp-out-volume", "42"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(Contains(result.out, "hp-out-volume is now 42 (read back from the device)"))
+        << result.out;
+}
+
+using KorvtoolQueries = Korvtool;
+
+TEST_F(KorvtoolQueries, HdmiInfoShowsTheDevicesBytes) {
+    ProcessResult result = Run({"--virtual", "hdmi-info"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const std::vector<std::string> lines = Lines(result.out);
+    ASSERT_EQ(lines.size(), 4u) << result.out;
+    EXPECT_EQ(lines[2], "  01 00 00 00 80 07 38 04 3c 00 00 00");
+    EXPECT_EQ(lines[3], "  00 00 00 00 00 00 00 00 00 00 00 00");
+
+    std::string bytes;
+    std::vector<int> expected;
+    for (int i = 0; i < 24; ++i) {
+        char pair[4];
+        std::snprintf(pair, sizeof pair, "%02x", 0xe0 + i);
+        bytes += std::string(i ? " " : "") + pair;
+        expected.push_back(0xe0 + i);
+    }
+    result = Run({"--config", Settings(kOneDevice + "Virtual0_HdmiInfo=" + bytes + "\n"), "--json",
+                  "hdmi-info"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(Json(result)["bytes"], json(expected));
+}
+
+TEST_F(KorvtoolQueries, UsbInfoShowsTheStream) {
+    const std::string settings = Settings(kOneDevice +
+                                          "Virtual0_UsbWidth=1280\nVirtual0_UsbHeight=720\n"
+                                          "Virtual0_UsbFrameRate=30\nVirtual0_UsbColorFormat=1\n");
+    ProcessResult result = Run({"--config", settings, "usb-info"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(Contains(result.out, "  Resolution        1280x720\n")) << result.out;
+    EXPECT_TRUE(Contains(result.out, "  Frame rate        30 fps\n")) << result.out;
+    EXPECT_TRUE(Contains(result.out, "  Color format      NV12\n")) << result.out;
+
+    result = Run({"--config", settings, "--json", "usb-info"});
+    const json doc = Json(result);
+    EXPECT_EQ(doc["width"], 1280);
+    EXPECT_EQ(doc["height"], 720);
+    EXPECT_EQ(doc["frame_rate"], 30);
+    EXPECT_EQ(doc["color_format"], "NV12");
+}
+
+TEST_F(KorvtoolQueries, UsbInfoOnOldFirmwareIsADeviceFailure) {
+    // The library refuses the query and says why through the callback.
+    ExpectErrorLine(Run({"--config", Settings(kTwoDevices), "--device", "1", "usb-info"}), 1,
+                    "Firmware version too low");
+}
+
+TEST_F(KorvtoolQueries, McuInfoShowsRegistersAndEdid) {
+    ProcessResult result = Run({"--virtual", "--json", "mcu-info"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const json doc = Json(result);
+    ASSERT_EQ(doc["registers"].size(), 14u) << doc.dump();
+    EXPECT_EQ(doc["registers"].begin().key(), "a0");
+    EXPECT_EQ(doc["edid"]["verdict"], "valid");
+
+    result = Run({"--virtual", "mcu-info"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(Contains(result.out, "Microcontroller registers")) << result.out;
+    EXPECT_TRUE(Contains(result.out, "HDMI splitter EDID (TX port 1): valid")) << result.out;
+}
+
+}  // namespace

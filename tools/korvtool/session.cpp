@@ -1,0 +1,162 @@
+#include "session.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+#include "errors.h"
+#include "virtual_settings.h"
+
+namespace korvtool {
+
+namespace {
+
+// The library calls plain C functions; they reach the one session of the
+// process through this record.
+struct Channel {
+    bool verbose = false;
+    std::vector<std::string> debugTexts;
+    std::vector<std::string> messages;
+};
+Channel g_channel;
+
+void OnDebugText(const char* text) {
+    if (text == nullptr) return;
+    std::string copy(text);
+    if (g_channel.verbose) {
+        // One "[library]" line per line of the text, whether or not the
+        // library ended it with a newline.
+        size_t start = 0;
+        while (start < copy.size()) {
+            size_t end = copy.find('\n', start);
+            if (end == std::string::npos) end = copy.size();
+            std::fprintf(stderr, "[library] %s\n", copy.substr(start, end - start).c_str());
+            start = end + 1;
+        }
+        std::fflush(stderr);
+    }
+    g_channel.debugTexts.push_back(std::move(copy));
+}
+
+void OnDeviceState(DeviceStateInfo* info) {
+    // The record belongs to the library: keep a copy of the text only.
+    if (info != nullptr && info->message != nullptr && info->message[0] != '\0')
+        g_channel.messages.emplace_back(info->message);
+}
+
+std::string TrimLines(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+        text.pop_back();
+    size_t begin = 0;
+    while (begin < text.size() && (text[begin] == '\n' || text[begin] == ' ')) ++begin;
+    text.erase(0, begin);
+    for (char& c : text)
+        if (c == '\n' || c == '\r') c = ' ';
+    return text;
+}
+
+std::string SafeText(const char* text) { return text != nullptr ? text : ""; }
+
+}  // namespace
+
+std::string Quote(const std::string& words) {
+    return words.empty() ? "" : " (the library says: " + words + ")";
+}
+
+Session::Session(bool verbose) {
+    g_channel.verbose = verbose;
+    // Installed whatever the verbosity: without it the library writes its
+    // texts to standard error on its own.
+    KORVSDK_Set_Debug_Output_Handler(OnDebugText);
+    KORVSDK_Open_CB_Device_StateInfo(OnDeviceState);
+}
+
+Session::~Session() {
+    KORVSDK_Free_DeviceList(&list_, &count_);
+    KORVSDK_Close_CB_Device_StateInfo();
+    KORVSDK_Set_Debug_Output_Handler(nullptr);
+}
+
+void Session::Open(const SettingsSource& source) {
+    BeginCall();
+    bool initialised = false;
+    if (source.useVirtual) {
+        settingsName_ = "the built-in virtual settings";
+        const TemporarySettingsFile file(BuiltInVirtualSettings());
+        initialised = KORVSDK_Init(file.Path().c_str()) != 0;
+    } else {
+        // The library falls back to setting.cfg in the working folder when
+        // its path cannot be opened; the tool rather says what is missing.
+        const std::string path = source.configPath.value_or("setting.cfg");
+        std::error_code error;
+        if (!std::filesystem::is_regular_file(path, error)) {
+            if (source.configPath) {
+                throw UsageError("the settings file '" + path +
+                                 "' does not exist: give the path of a setting.cfg");
+            }
+            throw UsageError("there is no setting.cfg in the working folder: give one with "
+                             "--config PATH, or try the virtual device with --virtual");
+        }
+        settingsName_ = path;
+        initialised = KORVSDK_Init(path.c_str()) != 0;
+    }
+    if (!initialised) {
+        throw Failure("the library could not be initialised" + Quote(LastWords()));
+    }
+}
+
+const std::vector<DeviceInfo>& Session::Scan() {
+    KORVSDK_Free_DeviceList(&list_, &count_);
+    devices_.clear();
+    BeginCall();
+    if (!KORVSDK_Scan_DeviceList(&list_, &count_)) {
+        throw Failure("the device scan failed: the system's device list could not be read" +
+                      Quote(LastWords()) + "; run again with --verbose for details");
+    }
+    for (uint16_t i = 0; i < count_; ++i) {
+        const DeviceEntry& entry = list_[i];
+        devices_.push_back({SafeText(entry.description), SafeText(entry.vid),
+                            SafeText(entry.pid), SafeText(entry.instance)});
+    }
+    return devices_;
+}
+
+size_t Session::Select(const std::optional<std::string>& choice) {
+    if (Scan().empty()) {
+        throw Failure("no capture device found: check that it is plugged in and that the "
+                      "DevIDNum and DevDrvID<n> entries of " + settingsName_ +
+                      " accept its VID and PID");
+    }
+    const size_t index = ChooseDevice(devices_, choice);
+    BeginCall();
+    if (!KORVSDK_Select_Device(&list_[index])) {
+        const DeviceInfo& device = devices_[index];
+        throw Failure("device " + std::to_string(index) + " (serial " + device.serial +
+                      ") could not be opened" + Quote(LastWords()) +
+                      ": re-plug it and try again, --verbose shows the library's messages");
+    }
+    return index;
+}
+
+void Session::BeginCall() {
+    g_channel.debugTexts.clear();
+    g_channel.messages.clear();
+}
+
+const std::vector<std::string>& Session::Messages() const { return g_channel.messages; }
+
+std::string Session::LastWords() const {
+    std::string words;
+    for (const std::string& message : g_channel.messages) {
+        if (!words.empty()) words += "; ";
+        words += TrimLines(message);
+    }
+    if (!words.empty()) return words;
+    for (auto it = g_channel.debugTexts.rbegin(); it != g_channel.debugTexts.rend(); ++it) {
+        std::string text = TrimLines(*it);
+        if (!text.empty()) return text;
+    }
+    return "";
+}
+
+}  // namespace korvtool

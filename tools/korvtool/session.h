@@ -1,0 +1,65 @@
+// One run's use of the library: initialisation with a settings file, the
+// device scan and selection, and what the library says on the way. The
+// library reports its reasons only as texts (the debugger output and the
+// device-state callback); the session collects them per call, shows the
+// debugger texts on standard error with --verbose, and lends them to error
+// lines.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "KORVSDKDeviceTool.h"
+#include "choices.h"
+
+namespace korvtool {
+
+struct SettingsSource {
+    std::optional<std::string> configPath;  // --config
+    bool useVirtual = false;                // --virtual
+};
+
+class Session {
+public:
+    explicit Session(bool verbose);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Initialises the library. Throws a UsageError when no settings file can
+    // be found, a Failure when the library refuses.
+    void Open(const SettingsSource& source);
+
+    // Scans for devices; the list stays valid until the next scan.
+    const std::vector<DeviceInfo>& Scan();
+
+    // Scans, picks the device that `choice` names (see ChooseDevice) and
+    // selects it. Returns its index in the scan.
+    size_t Select(const std::optional<std::string>& choice);
+
+    const std::vector<DeviceInfo>& Devices() const { return devices_; }
+    // The settings file as named in hints: its path, or the built-in ones.
+    const std::string& SettingsName() const { return settingsName_; }
+
+    // Starts a fresh record of what the library says: the texts of the call
+    // that follows.
+    void BeginCall();
+    // Messages posted to the device-state callback since BeginCall.
+    const std::vector<std::string>& Messages() const;
+    // What the library said since BeginCall, for an error line: its posted
+    // messages, else its last debugger text; empty when it said nothing.
+    std::string LastWords() const;
+
+private:
+    std::string settingsName_;  // how the settings are named in hints
+    DeviceEntry* list_ = nullptr;
+    uint16_t count_ = 0;
+    std::vector<DeviceInfo> devices_;
+};
+
+// " (the library says: WORDS)" for a non-empty text, else "".
+std::string Quote(const std::string& words);
+
+}  // namespace korvtool

@@ -1,0 +1,60 @@
+#include "virtual_settings.h"
+
+#include <chrono>
+#include <fstream>
+#include <system_error>
+
+#include "errors.h"
+
+namespace korvtool {
+
+std::string BuiltInVirtualSettings() {
+    // One virtual device with the library's default identity (VID FFF0,
+    // PID 0C01, serial VC00000001) and a locked 1080p60 HDMI input.
+    return "DeviceBackend=virtual\n"
+           "EnableLocalLogging=0\n"
+           "DevIDNum=1\n"
+           "DevDrvID0=USB\\VID_FFF0&PID_0C01\n"
+           "VirtualDeviceCount=1\n"
+           "Virtual0_HdmiInfo=01 00 00 00 80 07 38 04 3c 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00\n"
+           "Virtual0_UsbWidth=1920\n"
+           "Virtual0_UsbHeight=1080\n"
+           "Virtual0_UsbFrameRate=60\n"
+           "Virtual0_UsbColorFormat=2\n";
+}
+
+TemporarySettingsFile::TemporarySettingsFile(const std::string& text) {
+    std::error_code error;
+    const std::filesystem::path base = std::filesystem::temp_directory_path(error);
+    if (error) throw Failure("no temporary folder for the virtual device's settings: " + error.message());
+    // A folder name that no other run holds: create_directory fails on an
+    // existing one, so a clash only costs another try.
+    auto seed = static_cast<unsigned long long>(
+        std::chrono::steady_clock::now().time_since_epoch().count());
+    for (int attempt = 0; attempt < 100; ++attempt, seed = seed * 6364136223846793005ULL + 1) {
+        const std::filesystem::path candidate =
+            base / ("korvtool-" + std::to_string(seed % 100000000ULL));
+        if (std::filesystem::create_directory(candidate, error)) {
+            folder_ = candidate;
+            break;
+        }
+    }
+    if (folder_.empty()) {
+        throw Failure("could not create a folder for the virtual device's settings under " +
+                      base.string());
+    }
+    file_ = folder_ / "setting.cfg";
+    std::ofstream out(file_, std::ios::binary);
+    out << text;
+    if (!out.flush()) {
+        std::filesystem::remove_all(folder_, error);
+        throw Failure("could not write the virtual device's settings to " + file_.string());
+    }
+}
+
+TemporarySettingsFile::~TemporarySettingsFile() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+}
+
+}  // namespace korvtool
