@@ -26,6 +26,10 @@ grep -E '^(stat::number_of_executed_units|Done)' build/fuzz.log || true
 
 echo "== Windows build (mingw-w64)"
 export WINEDEBUG=-all
+# A Wine prefix of this build tree's own: a run never meets a wineserver or
+# a prefix that another user of the machine is changing at the same time.
+export WINEPREFIX="$root/build/wineprefix"
+mkdir -p "$WINEPREFIX"
 # One persistent wineserver for the whole run: the build lists the tests of
 # each Windows program under Wine, and every later Wine start reuses it.
 wineserver -p >/dev/null 2>&1 </dev/null || true
