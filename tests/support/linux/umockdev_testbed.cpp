@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -118,6 +119,20 @@ void UmockdevTestbed::MakeUnreadable(const std::string& sysPath, const std::stri
 }
 
 void UmockdevTestbed::Remove(const std::string& sysPath, const std::string& nodePath) {
+    // Each device below goes on its own, deepest first, so that its class
+    // and bus links (/sys/class/hidraw/..., /sys/bus/usb/devices/...) go
+    // with it; removing the top folder alone would leave them dangling.
+    namespace fs = std::filesystem;
+    std::vector<std::string> below;
+    std::error_code error;
+    for (fs::recursive_directory_iterator it(Outside(sysPath), error), end; !error && it != end;
+         it.increment(error)) {
+        if (it->is_directory() && !it->is_symlink() && fs::is_symlink(it->path() / "subsystem"))
+            below.push_back(it->path().string().substr(root_.size()));
+    }
+    std::sort(below.begin(), below.end(),
+              [](const std::string& a, const std::string& b) { return a.size() > b.size(); });
+    for (const std::string& device : below) umockdev_testbed_remove_device(testbed_, device.c_str());
     umockdev_testbed_remove_device(testbed_, sysPath.c_str());
     ::unlink(Outside(nodePath).c_str());
 }
