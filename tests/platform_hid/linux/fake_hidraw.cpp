@@ -40,46 +40,19 @@ long AnswerReport(FakeHidDevice& device, unsigned number, uint8_t* data, size_t 
 
 gboolean HandleIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user) {
     auto& device = *static_cast<FakeHidDevice*>(user);
-    const unsigned long request = umockdev_ioctl_client_get_request(client);
-    std::lock_guard lock(device.mutex);
-    if (device.unplugged) {
-        CompleteCall(client, -ENODEV);
-        return TRUE;
-    }
-    if (_IOC_TYPE(request) != 'H') {
-        CompleteCall(client, -ENOTTY);
-        return TRUE;
-    }
-    // The argument is a pointer to _IOC_SIZE bytes of the caller's memory.
-    const size_t size = _IOC_SIZE(request);
-    UMockdevIoctlData* memory =
-        umockdev_ioctl_data_resolve(umockdev_ioctl_client_get_arg(client), 0, size, nullptr);
-    if (memory == nullptr) {
-        CompleteCall(client, -EFAULT);
-        return TRUE;
-    }
-    long result = 0;
-    if (request == HIDIOCGRDESCSIZE) {
-        const int descriptorSize = static_cast<int>(device.descriptor.size());
-        std::memcpy(memory->data, &descriptorSize, sizeof descriptorSize);
-    } else if (request == HIDIOCGRDESC) {
-        hidraw_report_descriptor raw;
-        std::memcpy(&raw, memory->data, sizeof raw);
-        if (raw.size > device.descriptor.size()) {
-            result = -EINVAL;
-        } else {
-            std::memcpy(raw.value, device.descriptor.data(), raw.size);
-            std::memcpy(memory->data, &raw, sizeof raw);
+    AnswerHidrawIoctl(client, [&](unsigned long request, uint8_t* data, size_t size) -> long {
+        std::lock_guard lock(device.mutex);
+        if (device.unplugged) return -ENODEV;
+        if (request == HIDIOCGRDESCSIZE || request == HIDIOCGRDESC)
+            return AnswerDescriptorRequest(device.descriptor, request, data);
+        if (request == HIDIOCGRAWINFO) {
+            const hidraw_devinfo info{3 /* BUS_USB */, static_cast<__s16>(device.vendorId),
+                                      static_cast<__s16>(device.productId)};
+            std::memcpy(data, &info, sizeof info);
+            return 0;
         }
-    } else if (request == HIDIOCGRAWINFO) {
-        const hidraw_devinfo info{3 /* BUS_USB */, static_cast<__s16>(device.vendorId),
-                                  static_cast<__s16>(device.productId)};
-        std::memcpy(memory->data, &info, sizeof info);
-    } else {
-        result = AnswerReport(device, _IOC_NR(request), memory->data, size);
-    }
-    CompleteCall(client, result);
-    g_object_unref(memory);
+        return AnswerReport(device, _IOC_NR(request), data, size);
+    });
     return TRUE;
 }
 

@@ -4,11 +4,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
+
+#include "hid/backend/linux/hidraw_ioctl.h"
 
 namespace korvsdk_test {
 
@@ -37,6 +40,39 @@ void CompleteCall(UMockdevIoctlClient* client, long result) {
         umockdev_ioctl_client_complete(client, -1, static_cast<int>(-result));
     else
         umockdev_ioctl_client_complete(client, result, 0);
+}
+
+void AnswerHidrawIoctl(UMockdevIoctlClient* client,
+                       const std::function<long(unsigned long, uint8_t*, size_t)>& answer) {
+    const unsigned long request = umockdev_ioctl_client_get_request(client);
+    if (_IOC_TYPE(request) != 'H') {
+        CompleteCall(client, -ENOTTY);
+        return;
+    }
+    const size_t size = _IOC_SIZE(request);
+    UMockdevIoctlData* memory =
+        umockdev_ioctl_data_resolve(umockdev_ioctl_client_get_arg(client), 0, size, nullptr);
+    if (memory == nullptr) {
+        CompleteCall(client, -EFAULT);
+        return;
+    }
+    CompleteCall(client, answer(request, memory->data, size));
+    g_object_unref(memory);
+}
+
+long AnswerDescriptorRequest(const std::vector<uint8_t>& descriptor, unsigned long request,
+                             uint8_t* data) {
+    if (request == HIDIOCGRDESCSIZE) {
+        const int size = static_cast<int>(descriptor.size());
+        std::memcpy(data, &size, sizeof size);
+        return 0;
+    }
+    hidraw_report_descriptor raw;
+    std::memcpy(&raw, data, sizeof raw);
+    if (raw.size > descriptor.size()) return -EINVAL;
+    std::memcpy(raw.value, descriptor.data(), raw.size);
+    std::memcpy(data, &raw, sizeof raw);
+    return 0;
 }
 
 UmockdevTestbed::UmockdevTestbed() {

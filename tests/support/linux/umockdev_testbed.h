@@ -11,7 +11,9 @@
 
 #include <umockdev.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -65,5 +67,17 @@ private:
 // Completes the ioctl, read or write a handler is answering: `result` >= 0
 // is what the call returns; a negative one fails it with errno -result.
 void CompleteCall(UMockdevIoctlClient* client, long result);
+
+// Answers an ioctl on a hidraw node: a request of another type than 'H'
+// fails with ENOTTY; for the others `answer` gets the request and the
+// _IOC_SIZE bytes its argument points to (what it changes there goes back
+// to the caller) and returns the result for CompleteCall.
+void AnswerHidrawIoctl(UMockdevIoctlClient* client,
+                       const std::function<long(unsigned long request, uint8_t* data, size_t size)>& answer);
+
+// HIDIOCGRDESCSIZE and HIDIOCGRDESC for a device with `descriptor`, into
+// the ioctl's argument `data`; -EINVAL for more bytes than it has.
+long AnswerDescriptorRequest(const std::vector<uint8_t>& descriptor, unsigned long request,
+                             uint8_t* data);
 
 }  // namespace korvsdk_test
