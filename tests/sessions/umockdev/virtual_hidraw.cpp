@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <utility>
+#include <vector>
 
 #include "hid/backend/linux/hidraw_ioctl.h"
 #include "virtual/device/report_descriptor_builder.h"
@@ -32,7 +34,8 @@ std::string Hex4(uint16_t value) {
 
 // One node: every open file of it is a handle of the model's device, opened
 // when the file is and closed with it. All of this runs on umockdev's worker
-// thread; the program's thread waits in its call meanwhile.
+// thread, one call at a time; a program's ioctl waits for its answer, so the
+// sysfs tree changes while nothing of the program's looks at it.
 struct Node {
     VirtualHidBackend& model;
     size_t device;
