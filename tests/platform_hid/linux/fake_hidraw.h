@@ -1,13 +1,7 @@
-// A synthetic sysfs tree and hidraw nodes for testing the Linux backend
-// without hardware, built with umockdev. The test program runs under
-// umockdev-wrapper, whose preloaded library sends every access to /sys and
-// /dev into the testbed, and passes ioctl(), read() and write() on a node
-// with an attached handler to that handler (in this process, on umockdev's
-// worker thread). FakeHidDevice is such a handler: it answers the hidraw
-// ioctls the way the kernel and a device would.
+// Fake hidraw devices for testing the Linux backend against a synthetic
+// sysfs (see support/linux/umockdev_testbed.h). FakeHidDevice answers the
+// hidraw ioctls the way the kernel and a simple device would.
 #pragma once
-
-#include <umockdev.h>
 
 #include <cstdint>
 #include <deque>
@@ -17,6 +11,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/linux/umockdev_testbed.h"
 
 namespace korvsdk_test {
 
@@ -57,38 +53,16 @@ struct FakeHidDevice {
     }
 };
 
-using Attributes = std::vector<std::pair<std::string, std::string>>;
-
-class FakeSysfs {
+// The testbed with fake devices behind the nodes, which live in kFakeDevRoot.
+class FakeSysfs : public UmockdevTestbed {
 public:
     FakeSysfs();
-    ~FakeSysfs();
-    FakeSysfs(const FakeSysfs&) = delete;
-    FakeSysfs& operator=(const FakeSysfs&) = delete;
 
-    // A USB device, or an interface when `parent` is its device's sysfs
-    // path; returns the new sysfs path ("/sys/devices/...").
-    std::string AddUsb(const std::string& name, const Attributes& attributes,
-                       const std::string& parent = "");
+    using UmockdevTestbed::AddHidraw;
     // A HID device below `usbInterface` and its node <kFakeDevRoot>/<node>,
     // answered by `device`. Returns the node's device path.
     std::string AddHidraw(const std::string& usbInterface, const std::string& node,
                           std::shared_ptr<FakeHidDevice> device);
-
-    void SetLink(const std::string& sysPath, const std::string& name, const std::string& target);
-    // Replaces an attribute with a folder, so that reading it fails.
-    void MakeUnreadable(const std::string& sysPath, const std::string& name);
-    // Unplugs: the node and the sysfs folders of `sysPath` and below go away.
-    void Remove(const std::string& sysPath, const std::string& node);
-
-private:
-    std::string Outside(const std::string& path) const;  // the real location of a testbed path
-
-    UMockdevTestbed* testbed_ = nullptr;
-    std::string root_;
-    int hidCount_ = 0;
-    std::vector<std::shared_ptr<FakeHidDevice>> devices_;
-    std::vector<UMockdevIoctlBase*> handlers_;
 };
 
 }  // namespace korvsdk_test
