@@ -1,6 +1,7 @@
 #include "core/VideoConsoleCoreImp.h"
 
 #include "hid/backend/backend_factory.h"
+#include "hid/backend/hid_backend.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -23,6 +24,11 @@ VideoConsoleCoreImp::VideoConsoleCoreImp() { g_VC_CorePointer = this; }
 VideoConsoleCoreImp::~VideoConsoleCoreImp() {
     VideoConsoleCoreImp* self = this;
     g_VC_CorePointer.compare_exchange_strong(self, nullptr);
+    // The selected device's interface stays open for the life of the core.
+    if (m_hidBackend) {
+        if (m_preparsedData != nullptr) m_hidBackend->FreePreparsedData(m_preparsedData);
+        m_hidBackend->Close(m_deviceHandle);
+    }
     std::free(m_infoRecord1);
     std::free(m_infoRecord2);
 }

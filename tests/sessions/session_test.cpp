@@ -23,6 +23,11 @@ void OnState(DeviceStateInfo* info) {
     g_stateMessages.emplace_back(info->message ? info->message : "");
 }
 
+// The newest callback record's message and value; empty / all ones when no
+// record came, so that a missing record fails the comparison cleanly.
+std::string LastMessage() { return g_stateMessages.empty() ? "" : g_stateMessages.back(); }
+uint64_t LastValue() { return g_stateValues.empty() ? ~uint64_t{0} : g_stateValues.back(); }
+
 std::string Take(char* text) {
     std::string copy = text ? text : "<null>";
     KORVSDK_Free_PeCHAR(&text);
@@ -73,7 +78,7 @@ TEST_F(ApiSession, SelectedDeviceAnswersItsQueries) {
 
     EXPECT_EQ(KORVSDK_Get_Device_USBType(), 3);
     ASSERT_FALSE(g_stateValues.empty());
-    EXPECT_EQ(g_stateValues.back(), 3u);
+    EXPECT_EQ(LastValue(), 3u);
 
     const std::string usb = Take(KORVSDK_Get_USB_FW_Ver());
     EXPECT_EQ(usb.substr(0, 11), "01.00.02.10");
@@ -81,7 +86,7 @@ TEST_F(ApiSession, SelectedDeviceAnswersItsQueries) {
     EXPECT_EQ(Take(KORVSDK_Get_MCU_FW_Ver()), "0d.17.00.010000");
 
     EXPECT_EQ(KORVSDK_Check_Is_MCU_OnBoard(), 1);
-    EXPECT_EQ(g_stateMessages.back(), "[Check_MCU] 0xA0:true");
+    EXPECT_EQ(LastMessage(), "[Check_MCU] 0xA0:true");
 
     EXPECT_EQ(KORVSDK_Save_Audio_HDCP_Parameters(), 1);
     EXPECT_EQ(MessageLog::Count("Save Parameters Complete!"), 1);
@@ -123,10 +128,10 @@ TEST_F(ApiSession, DeviceThatDisappearsAfterSelection) {
     Begin("Virtual0_UnplugAfter=58\n");
     EXPECT_EQ(KORVSDK_Get_HDMI_Info(), 1);
     EXPECT_EQ(MessageLog::Count("Unknown error: Couldn't execute REPORT_HDMI_INFO function\n"), 1);
-    EXPECT_EQ(g_stateMessages.back().rfind("HDMI info: 00 00 00", 0), 0u);
+    EXPECT_EQ(LastMessage().rfind("HDMI info: 00 00 00", 0), 0u);
     EXPECT_EQ(Take(KORVSDK_Get_USB_FW_Ver()), "");
     EXPECT_EQ(KORVSDK_Check_Is_MCU_OnBoard(), 0);
-    EXPECT_EQ(g_stateMessages.back(), "[Check_MCU] 0xA0:false, 0xA1:false, 0xFD:false");
+    EXPECT_EQ(LastMessage(), "[Check_MCU] 0xA0:false, 0xA1:false, 0xFD:false");
 }
 
 TEST_F(ApiSession, UsbTwoPort) {
@@ -160,15 +165,15 @@ TEST_F(ApiSession, AudioControlsAndStates) {
     ASSERT_EQ(KORVSDK_Get_Line_In_PlugIn(&value), 1);
     EXPECT_EQ(value, 0);
     EXPECT_EQ(KORVSDK_Check_Is_AudioIC_OnBoard(), 1);
-    EXPECT_EQ(g_stateMessages.back(), "[Check_Audio] AudioIC:0x00, MCU:true");
+    EXPECT_EQ(LastMessage(), "[Check_Audio] AudioIC:0x00, MCU:true");
 }
 
 TEST_F(ApiSession, InformationQueries) {
     Begin("Virtual0_UsbColorFormat=4\n");
     EXPECT_EQ(KORVSDK_Get_USB_APP_Info(), 1);
-    EXPECT_EQ(g_stateMessages.back(), "Resolution=1920x1080 FrameRate=60 ColorFormat=RGB32");
+    EXPECT_EQ(LastMessage(), "Resolution=1920x1080 FrameRate=60 ColorFormat=RGB32");
     EXPECT_EQ(KORVSDK_Get_HDMI_Info(), 1);
-    EXPECT_EQ(g_stateMessages.back().rfind("HDMI info: 00 00 ", 0), 0u);
+    EXPECT_EQ(LastMessage().rfind("HDMI info: 00 00 ", 0), 0u);
     g_stateMessages.clear();
     EXPECT_EQ(KORVSDK_Get_MCU_Info(), 1);
     ASSERT_EQ(g_stateMessages.size(), 1u);
@@ -222,7 +227,7 @@ TEST_P(ApiAudioChip, FoundOnEveryBoardVariant) {
     char expected[96];
     std::snprintf(expected, sizeof expected, "[Check_Audio] AudioIC:0x%02x, MCU:true, I2C:%s",
                   variant, variant == 3 ? "Not Support" : "true");
-    EXPECT_EQ(g_stateMessages.back(), expected);
+    EXPECT_EQ(LastMessage(), expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(Boards, ApiAudioChip, ::testing::Range(0, 5));
@@ -230,7 +235,7 @@ INSTANTIATE_TEST_SUITE_P(Boards, ApiAudioChip, ::testing::Range(0, 5));
 TEST_F(ApiSession, AudioChipCheckWithoutProbe) {
     Begin("Virtual0_BoardVariant=1\nCheckAudioViaMCUI2C=0\n");
     EXPECT_EQ(KORVSDK_Check_Is_AudioIC_OnBoard(), 1);
-    EXPECT_EQ(g_stateMessages.back(), "[Check_Audio] AudioIC:0x01, MCU:true");
+    EXPECT_EQ(LastMessage(), "[Check_Audio] AudioIC:0x01, MCU:true");
 }
 
 TEST_F(ApiSession, McuInformationOfAnOlderFirmware) {
@@ -239,6 +244,6 @@ TEST_F(ApiSession, McuInformationOfAnOlderFirmware) {
     for (int i = 5; i < 128; ++i) edid += " 00";
     Begin("Virtual0_Edid=" + edid + "\n");
     EXPECT_EQ(KORVSDK_Get_MCU_Info(), 1);
-    EXPECT_NE(g_stateMessages.back().find("EDID: true, 12 34 56 78 ff 00"), std::string::npos)
-        << g_stateMessages.back();
+    EXPECT_NE(LastMessage().find("EDID: true, 12 34 56 78 ff 00"), std::string::npos)
+        << LastMessage();
 }

@@ -38,9 +38,10 @@ std::string PrepareSessionBackend(const std::string& deviceKeys) {
     bench.model = std::make_unique<VideoConsoleCore::virtualdev::VirtualHidBackend>(
         VideoConsoleCore::virtualdev::ReadVirtualDeviceConfigs(keys));
     bench.devices = std::make_unique<VirtualHidrawDevices>(*bench.model);
-    // No DeviceBackend key: the library takes the platform's own backend,
-    // and the device keys mean nothing to it.
-    return "";
+    // No DeviceBackend key: the library takes the platform's own backend.
+    // The device keys mean nothing to it; the session's other settings
+    // (CheckAudioViaMCUI2C, ...) do.
+    return deviceKeys;
 }
 
 const char* SessionBackendName() { return "linux-hidraw under umockdev"; }
