@@ -1,6 +1,7 @@
 #include "core/VideoConsoleCoreImp.h"
 
 #include "hid/backend/backend_factory.h"
+#include "firmware/lights.h"
 #include "hid/backend/hid_backend.h"
 
 #include <cstdlib>
@@ -24,13 +25,23 @@ VideoConsoleCoreImp::VideoConsoleCoreImp() { g_VC_CorePointer = this; }
 VideoConsoleCoreImp::~VideoConsoleCoreImp() {
     VideoConsoleCoreImp* self = this;
     g_VC_CorePointer.compare_exchange_strong(self, nullptr);
+    // No thread of the library outlives the core.
+    firmware::StopLightThreads(*this, true);
     // The selected device's interface stays open for the life of the core.
-    if (m_hidBackend) {
-        if (m_preparsedData != nullptr) m_hidBackend->FreePreparsedData(m_preparsedData);
-        m_hidBackend->Close(m_deviceHandle);
-    }
+    CloseOpenInterface();
     std::free(m_infoRecord1);
     std::free(m_infoRecord2);
+}
+
+void VideoConsoleCoreImp::CloseOpenInterface(hid::HidHandle keep) {
+    if (m_hidBackend) {
+        if (m_preparsedData != nullptr) m_hidBackend->FreePreparsedData(m_preparsedData);
+        if (m_deviceHandle != hid::kInvalidHidHandle && m_deviceHandle != keep)
+            m_hidBackend->Close(m_deviceHandle);
+    }
+    m_preparsedData = nullptr;
+    m_deviceHandle = hid::kInvalidHidHandle;
+    m_deviceOpen = false;
 }
 
 void VideoConsoleCoreImp::UseHidBackend(std::unique_ptr<hid::HidBackend> backend) {

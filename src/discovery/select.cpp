@@ -13,6 +13,7 @@
 #include "device/mcu_access.h"
 #include "discovery/device_list.h"
 #include "discovery/hid_search.h"
+#include "firmware/lights.h"
 #include "hid/backend/hid_backend.h"
 #include "hid/call_hid_function.h"
 #include "hid/flash_identification.h"
@@ -60,16 +61,7 @@ void ResetDeviceInformation(VideoConsoleCoreImp& core) {
 // Takes over the open interface the search found; an interface opened by an
 // earlier selection is closed first.
 void AdoptInterface(VideoConsoleCoreImp& core, HidSearchResult& found) {
-    hid::HidBackend& backend = *core.Hid();
-    if (core.m_preparsedData != nullptr) {
-        hid::HidCallParameters p;
-        p.preparsedData = core.m_preparsedData;
-        hid::HidCallStatus status;
-        hid::CallHidFunction(backend, 51, &p, &status);
-    }
-    if (core.m_deviceHandle != hid::kInvalidHidHandle &&
-        core.m_deviceHandle != found.record.handle)
-        backend.Close(core.m_deviceHandle);
+    core.CloseOpenInterface(found.record.handle);
     core.m_hidDevice = found.record;
     core.m_deviceHandle = found.record.handle;
     core.m_preparsedData = found.preparsedData;
@@ -133,6 +125,8 @@ bool VideoConsoleCoreImp::SelectDevice(DeviceEntry* entry) {
     }
     if (Hid() == nullptr) return false;
 
+    // The finish lights belong to the device they were started for.
+    firmware::StopLightThreads(*this);
     m_deviceState = kDeviceStateSelected;
     const std::string vid = entry->vid;
     const std::string pid = entry->pid;

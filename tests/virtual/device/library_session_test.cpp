@@ -42,11 +42,7 @@ protected:
             caps.resize(count);
             (type == hid::kOutputReport ? core.m_outputValueCaps : core.m_inputValueCaps) = caps;
         }
-        core.m_deviceOpen = true;
-    }
-    void TearDown() override {
-        device->FreePreparsedData(core.m_preparsedData);
-        device->Close(core.m_deviceHandle);
+        core.m_deviceOpen = true;  // from here on the core owns the interface
     }
 
     // One register of the microcontroller at 0x1A: write its number, read a byte.
