@@ -13,8 +13,11 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -32,6 +35,9 @@ class logger;
 
 namespace VideoConsoleCore::hid {
 class HidBackend;
+}
+namespace VideoConsoleCore::platform {
+struct Thread;
 }
 
 namespace VideoConsoleCore {
@@ -103,6 +109,12 @@ public:
     void NotifyDeviceState(const char* message, uint64_t value, const char* text0,
                            const char* text1);
 
+    // Fires the firmware-update-state callback, if one is registered, with a
+    // fresh record: the non-null texts are copied into it, and the record
+    // and its texts are freed when the callback returns.
+    void NotifyFwUpdateState(const char* usbFileText, const char* mcuFileText, const char* state,
+                             const char* message, float percent = 0.0f);
+
     // ---- Messages (core/messages.cpp) ----------------------------------
     // Debugger channel, while console logging is on.
     void DebugOut(std::string_view text) const;
@@ -131,10 +143,10 @@ public:
     // Reads the settings file into the table, falling back to "setting.cfg"
     // in the working directory.
     void ReadSettings();
-    // Value of a key, "" when absent.
-    std::string Setting(const std::string& key);
+    // Value of a key, "" when absent. A pure read: safe from any thread.
+    std::string Setting(const std::string& key) const;
     // Integer value of a key, nullopt when absent or not a number.
-    std::optional<int> IntegerSetting(const std::string& key, int base);
+    std::optional<int> IntegerSetting(const std::string& key, int base) const;
     // Sets the burn-area flags from USB_Burn_Area.
     void ApplyBurnAreaSetting();
 
@@ -144,6 +156,12 @@ public:
     hid::HidBackend* Hid() const { return m_hidBackend.get(); }
     // Replaces the backend (tests, and hosts that bring their own).
     void UseHidBackend(std::unique_ptr<hid::HidBackend> backend);
+    // The open interface (m_deviceHandle, m_preparsedData) belongs to the
+    // core from the moment it is stored there: whoever opens it hands it
+    // over and never frees it. This frees the preparsed data, closes the
+    // handle (unless it is `keep`, a handle being taken over again) and
+    // clears both fields. A new selection and the destructor call it.
+    void CloseOpenInterface(hid::HidHandle keep = hid::kInvalidHidHandle);
 
     // ---- Logging (logging/) --------------------------------------------
     void StartLogger();
@@ -181,7 +199,10 @@ public:
     bool StartUsbFwUpdate();
     bool StartMcuFwUpdate();
     bool SetGpioLed(uint8_t value);
-    bool SetUpdateGpioLedLights(uint8_t a, uint8_t b, uint16_t c);
+    bool SetUpdateGpioLedLights(uint8_t phase, uint8_t value, uint16_t period);
+    // The start-up scan: takes the first *.hex and *.bin of the working
+    // folder as the update files, without checking them against a device.
+    void ScanWorkingFolderForFirmware();
 
     // ---- Microcontroller and versions (device/), used by selection -------
     // Reads the running and the stored USB firmware version and the boot
@@ -244,7 +265,7 @@ public:
         uint8_t fourByteAddressing = 0;
     } m_flashDevice;
     uint16_t m_flashDeviceId = 0xFFFF;  // the index the bridge reported last
-    uint32_t m_bytesPerSector = 0;      // the erase unit of the USB update
+    uint32_t m_bytesPerBlock = 0;       // the erase unit of the USB update
 
     // ---- The selected device (discovery/) --------------------------------
     uint16_t m_selectedVid = 0;
@@ -271,10 +292,62 @@ public:
     // value makes every control succeed without touching the device.
     uint8_t m_audioVariant = 0;
 
-    // Burn areas of the USB firmware update (USB_Burn_Area).
+    // Burn areas of the USB firmware update (USB_Burn_Area): the whole
+    // image, or the area items below (firmware, private, customized).
     bool m_doAreaEntire = true;
-    bool m_doAreaPartial = false;
-    bool m_doArea[3] = {true, false, false};
+    bool m_doAreaOther = false;
+    bool m_chkFirmware = true;
+    bool m_chkPrivate = false;
+    bool m_chkCustomized = false;
+
+    // ---- Firmware files (firmware/firmware_files.cpp) --------------------
+    // The accepted files: UTF-8 paths and version texts; the valid flags are
+    // 1 while an accepted file of that kind is set (an update start takes
+    // it).
+    std::string m_usbFilePath;
+    std::string m_mcuFilePath;
+    std::string m_usbFileVersion;
+    std::string m_mcuFileVersion;
+    std::atomic<uint8_t> m_usbFileValid{0};
+    std::atomic<uint8_t> m_mcuFileValid{0};
+    intptr_t m_openFile = -1;  // platform::FileHandle of the file being read
+
+    // ---- Update flags, shared by the updaters and the light threads ------
+    std::atomic<bool> m_updateRunning{false};   // the lights' "updating" phase
+    std::atomic<bool> m_updateFinished{false};  // finish lights run while set
+    std::atomic<bool> m_writeFlag{false};
+    std::atomic<bool> m_flashBusy{false};
+    std::atomic<bool> m_mcuUpdateStarted{false};
+
+    // ---- Lights (firmware/lights.cpp) -------------------------------------
+    // Pattern byte and blink period (ms, 0 = steady) of the three phases:
+    // 0 updating, 1 update succeeded, 2 update failed.
+    std::atomic<uint8_t> m_ledPattern[3] = {0x81, 0x80, 0x82};
+    std::atomic<uint16_t> m_ledPeriod[3] = {500, 0, 250};
+    std::atomic<uint32_t> m_toggleCounter{0};
+    std::atomic<uint32_t> m_patternWrittenOnce{0};
+    // The blink step's last toggle; only the thread running an update loop
+    // touches it.
+    std::chrono::steady_clock::time_point m_lastToggle{};
+    // RGB light of models 6 and 8: red, green, blue and the light chip's
+    // mode byte for each phase.
+    uint8_t m_rgbColour[3][3] = {{0x00, 0x00, 0xFF}, {0x00, 0xFF, 0x00}, {0xFF, 0x00, 0x00}};
+    uint8_t m_rgbMode[3] = {0x01, 0x00, 0x02};
+    // The light threads: at most one finish-light and one updating-light
+    // thread, each stopped and joined before the core goes. A thread runs
+    // while its generation is the current one.
+    struct LightThread {
+        platform::Thread* thread = nullptr;
+        std::atomic<uint32_t> generation{0};
+    };
+    LightThread m_finishLights;
+    LightThread m_updatingLights;
+    std::atomic<bool> m_stopping{false};  // the core is going: every thread ends
+    std::mutex m_wakeMutex;
+    std::condition_variable m_wake;       // cuts a light thread's sleep short
+    // One exchange with the device at a time: a light thread's LED write
+    // must not land between the halves of the caller's I2C transaction.
+    std::recursive_mutex m_exchangeLock;
 
     // Two 40-byte zeroed information records; the second is allocated by
     // initialisation, both are replaced when selection finds no device.

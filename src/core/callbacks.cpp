@@ -67,4 +67,24 @@ void VideoConsoleCoreImp::NotifyDeviceState(const char* message, uint64_t value,
     std::free(record);
 }
 
+void VideoConsoleCoreImp::NotifyFwUpdateState(const char* usbFileText, const char* mcuFileText,
+                                              const char* state, const char* message,
+                                              float percent) {
+    const KORVSDK_DevFwUpdateStateCallback callback = m_fwUpdateStateCallback.load();
+    if (callback == nullptr) return;
+    auto* record = static_cast<DevFwUpdateStateInfo*>(std::calloc(1, sizeof(DevFwUpdateStateInfo)));
+    if (record == nullptr) return;
+    if (usbFileText != nullptr) record->usbFileText = HeapCopy(usbFileText);
+    if (mcuFileText != nullptr) record->mcuFileText = HeapCopy(mcuFileText);
+    if (state != nullptr) record->state = HeapCopy(state);
+    if (message != nullptr) record->message = HeapCopy(message);
+    record->percent = percent;
+    callback(record);
+    std::free(record->usbFileText);
+    std::free(record->mcuFileText);
+    std::free(record->state);
+    std::free(record->message);
+    std::free(record);
+}
+
 }  // namespace VideoConsoleCore

@@ -1,31 +1,53 @@
-// Firmware files, the two updaters and the lights.
-//
-// The guards are in place; the file checks, the updaters and the light
-// patterns arrive with the firmware-update work, and until then these
-// operations refuse after their guards.
+// The firmware operations that are not about files: the two update starts
+// and the caller's light controls.
+#include <string>
+
 #include "core/VideoConsoleCoreImp.h"
+#include "firmware/lights.h"
 
 namespace VideoConsoleCore {
 
-bool VideoConsoleCoreImp::SetFirmwareFile(const char* path, FirmwareKind kind) {
-    (void)path;
-    (void)kind;
-    if (!RequireIdleDevice(kRefuseSetFile)) return false;
-    return false;
-}
-
-bool VideoConsoleCoreImp::GetFirmwareFileVersion(std::string& text, FirmwareKind kind) {
-    (void)kind;
-    text.clear();
-    if (!RequireIdleDevice(kRefuseFileVersion)) return false;
-    return false;
-}
-
 bool VideoConsoleCoreImp::StartUsbFwUpdate() { return RequireDevice() && false; }
 bool VideoConsoleCoreImp::StartMcuFwUpdate() { return RequireDevice() && false; }
-bool VideoConsoleCoreImp::SetGpioLed(uint8_t) { return RequireDevice() && false; }
-bool VideoConsoleCoreImp::SetUpdateGpioLedLights(uint8_t, uint8_t, uint16_t) {
-    return RequireDevice() && false;
+
+bool VideoConsoleCoreImp::SetGpioLed(uint8_t value) {
+    if (!RequireDevice()) return false;
+    if (!firmware::HasGpioLed(m_deviceModel)) {
+        DebugOut("[Set_GPIO_LED] No valid device found.\n");
+        NotifyDeviceState("[Set_GPIO_LED] Not valid device");
+        return false;
+    }
+    if (value < 0x80 || value > 0x83) {
+        Report("input Set_GPIO_LED value is wrong!\n");
+        return false;
+    }
+    return firmware::WriteLedPattern(*this, value);
+}
+
+bool VideoConsoleCoreImp::SetUpdateGpioLedLights(uint8_t phase, uint8_t value, uint16_t period) {
+    if (!RequireDevice()) return false;
+    // 0 keeps the pattern steady; a blink is at least 100 ms and at most
+    // 3.2 s long.
+    if (period > 3200) period = 3200;
+    if (period > 0 && period < 100) period = 100;
+    const auto noDevice = [this] {
+        DebugOut("[Set_Update_GPIO_LED_Lights] No valid device found.\n");
+        NotifyDeviceState("[Set_Update_GPIO_LED_Lights] Not valid device");
+        return false;
+    };
+    if (!firmware::HasGpioLed(m_deviceModel)) return noDevice();
+    if (value < 0x80 || value > 0x83) {
+        Report("[Set_Update_GPIO_LED_Lights] No valid input value\n");
+        NotifyDeviceState("[Set_Update_GPIO_LED_Lights] No valid input value");
+        return false;
+    }
+    // A phase the device does not know is answered like a device without
+    // the LED.
+    if (phase > 2) return noDevice();
+    m_ledPattern[phase] = value;
+    m_ledPeriod[phase] = period;
+    m_patternWrittenOnce = 0;
+    return true;
 }
 
 }  // namespace VideoConsoleCore

@@ -91,7 +91,7 @@ bool ReadFlashIdentification(VideoConsoleCoreImp& core) {
         static_cast<uint64_t>(device.sectorSize) * device.sectorsPerBlock * device.totalBlocks;
     LogLine(core, "Total Size      : %d MB", static_cast<int>(total >> 20));
 
-    core.m_bytesPerSector = device.sectorSize;
+    core.m_bytesPerBlock = device.sectorSize;
     return true;
 }
 

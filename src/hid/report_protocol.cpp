@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 #include "core/VideoConsoleCoreImp.h"
@@ -130,6 +131,7 @@ bool ExchangeReport(VideoConsoleCoreImp& core, const ReportTemplate& report,
 
 uint32_t AccessIicData(VideoConsoleCoreImp& core, int mode, uint8_t address, uint8_t writeCount,
                        uint8_t* data, uint8_t readCount) {
+    std::lock_guard exchange(core.m_exchangeLock);
     const bool read = mode == kIicRead;
     uint8_t* bytes = ClearedBuffer(core, kIicReport);
     // Header (3) + address + count + data + read count must fit the report.
@@ -162,6 +164,7 @@ uint32_t AccessIicData(VideoConsoleCoreImp& core, int mode, uint8_t address, uin
 
 uint32_t AccessFlashData(VideoConsoleCoreImp& core, int operation, uint8_t accessMode,
                          uint32_t address, uint32_t length, uint8_t* data) {
+    std::lock_guard exchange(core.m_exchangeLock);
     // A single write must fit one data report; refuse before touching the
     // bridge's flash set-up.
     const uint32_t dataLength = OutputLength(core, kDataReport);
@@ -220,6 +223,9 @@ uint32_t BurstFlashAccess(VideoConsoleCoreImp& core, int operation, uint32_t len
     uint32_t offset = 0;
     while (offset < length) {
         const uint32_t n = std::min(length - offset, chunk);
+        // One chunk at a time, so that a light or a query from another
+        // thread can get a word in during a long burst.
+        std::unique_lock exchange(core.m_exchangeLock);
         uint8_t* buffer = ClearedBuffer(core, kDataReport);
         bool hidError = false;
         if (operation == kFlashOpWrite) {
@@ -260,6 +266,7 @@ uint32_t BurstFlashAccess(VideoConsoleCoreImp& core, int operation, uint32_t len
                 }
             }
         }
+        exchange.unlock();
         offset += n;
         if (progress && (operation == kFlashOpWrite || operation == kFlashOpRead))
             progress(operation, offset, length);
@@ -270,6 +277,7 @@ uint32_t BurstFlashAccess(VideoConsoleCoreImp& core, int operation, uint32_t len
 uint32_t AccessChipRegister(VideoConsoleCoreImp& core, int operation, uint32_t address,
                             uint32_t* value) {
     // This command says nothing about its failures; its callers do.
+    std::lock_guard exchange(core.m_exchangeLock);
     bool hidError = false;
     uint8_t* bytes = ClearedBuffer(core, kCommandReport);
     PutLe32(bytes + 3, address);
@@ -284,6 +292,7 @@ uint32_t AccessChipRegister(VideoConsoleCoreImp& core, int operation, uint32_t a
 }
 
 uint32_t AccessGpio(VideoConsoleCoreImp& core, int operation, uint8_t pin, uint8_t* value) {
+    std::lock_guard exchange(core.m_exchangeLock);
     bool hidError = false;
     uint8_t* bytes = ClearedBuffer(core, kCommandReport);
     bytes[3] = pin;

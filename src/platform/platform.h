@@ -32,4 +32,41 @@ char PathSeparator();
 // The user's desktop folder, or "" when it cannot be determined.
 std::string DesktopFolder();
 
+// ---- Files (firmware images). Paths are UTF-8; Windows opens them wide.
+using FileHandle = intptr_t;
+inline constexpr FileHandle kNoFile = -1;
+
+// Whether `path` names an existing file (a folder is not one).
+bool IsExistingFile(const std::string& path);
+// Opens an existing file for reading, shared with other readers; kNoFile
+// when it cannot be opened. Never creates a file.
+FileHandle OpenFileForReading(const std::string& path);
+// The file's size in bytes; false when it cannot be asked.
+bool FileSize(FileHandle file, uint64_t& size);
+// Reads up to `length` bytes from the current position into `buffer`,
+// looping over short reads. Returns the bytes read; `error` is 0, or the
+// system's error code when a read failed (kDiskFullError for a full disk).
+uint32_t ReadFromFile(FileHandle file, uint8_t* buffer, uint32_t length, uint32_t& error);
+void CloseFile(FileHandle file);
+inline constexpr uint32_t kDiskFullError = 112;
+// The full path of the first regular file in the working folder whose name
+// ends in `extension` (".hex"), in the order the system lists the folder;
+// "" when there is none.
+std::string FirstFileWithExtension(const std::string& extension);
+
+// ---- Threads of the library's own (the update lights).
+struct Thread;
+using ThreadEntry = uint32_t (*)(void* argument);
+// Starts `entry(argument)` on a new thread; null when none could be made.
+// On Windows the thread holds a reference to the module that contains the
+// library while it runs, so that unloading the DLL cannot unmap the code a
+// running thread is executing.
+Thread* StartThread(ThreadEntry entry, void* argument);
+// Waits for the thread to end and releases it (null: nothing).
+void JoinThread(Thread* thread);
+// The exit code of the calling thread as the system reports it (while the
+// thread runs: "still active", 259). False when the system cannot say.
+bool CurrentThreadExitCode(uint32_t& code);
+inline constexpr uint32_t kThreadStillActive = 259;
+
 }  // namespace VideoConsoleCore::platform

@@ -1,12 +1,18 @@
 // Platform glue for Linux and other POSIX systems.
 #include "platform/platform.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <new>
+#include <thread>
 
 namespace VideoConsoleCore::platform {
 
@@ -42,6 +48,91 @@ std::string DesktopFolder() {
     const passwd* entry = getpwuid(getuid());
     if (entry == nullptr || entry->pw_dir == nullptr || entry->pw_dir[0] == '\0') return "";
     return std::string(entry->pw_dir) + "/Desktop";
+}
+
+bool IsExistingFile(const std::string& path) {
+    struct stat info {};
+    return !path.empty() && stat(path.c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
+}
+
+FileHandle OpenFileForReading(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    return fd < 0 ? kNoFile : fd;
+}
+
+bool FileSize(FileHandle file, uint64_t& size) {
+    struct stat info {};
+    if (fstat(static_cast<int>(file), &info) != 0) return false;
+    size = static_cast<uint64_t>(info.st_size);
+    return true;
+}
+
+uint32_t ReadFromFile(FileHandle file, uint8_t* buffer, uint32_t length, uint32_t& error) {
+    error = 0;
+    uint32_t done = 0;
+    while (done < length) {
+        const ssize_t got = read(static_cast<int>(file), buffer + done, length - done);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) {
+            error = errno == ENOSPC ? kDiskFullError : static_cast<uint32_t>(errno);
+            break;
+        }
+        if (got == 0) break;  // the file ended early (it shrank while we read)
+        done += static_cast<uint32_t>(got);
+    }
+    return done;
+}
+
+void CloseFile(FileHandle file) {
+    if (file != kNoFile) close(static_cast<int>(file));
+}
+
+std::string FirstFileWithExtension(const std::string& extension) {
+    DIR* folder = opendir(".");
+    if (folder == nullptr) return "";
+    std::string found;
+    while (const dirent* entry = readdir(folder)) {
+        const std::string name = entry->d_name;
+        if (name.size() <= extension.size() ||
+            name.compare(name.size() - extension.size(), extension.size(), extension) != 0)
+            continue;
+        if (!IsExistingFile(name)) continue;
+        char* here = getcwd(nullptr, 0);
+        found = here != nullptr ? std::string(here) + "/" + name : name;
+        std::free(here);
+        break;
+    }
+    closedir(folder);
+    return found;
+}
+
+struct Thread {
+    std::thread thread;
+};
+
+Thread* StartThread(ThreadEntry entry, void* argument) {
+    auto* handle = new (std::nothrow) Thread;
+    if (handle == nullptr) return nullptr;
+    try {
+        handle->thread = std::thread([entry, argument] { entry(argument); });
+    } catch (...) {
+        delete handle;
+        return nullptr;
+    }
+    return handle;
+}
+
+void JoinThread(Thread* thread) {
+    if (thread == nullptr) return;
+    if (thread->thread.joinable()) thread->thread.join();
+    delete thread;
+}
+
+bool CurrentThreadExitCode(uint32_t& code) {
+    // A POSIX thread has no exit code to ask for while it runs; it is, as
+    // Windows would put it, still active.
+    code = kThreadStillActive;
+    return true;
 }
 
 }  // namespace VideoConsoleCore::platform

@@ -4,6 +4,7 @@
 #include <windows.h>
 #include <shlobj.h>
 
+#include <new>
 #include <string>
 
 namespace VideoConsoleCore::platform {
@@ -18,6 +19,29 @@ std::wstring Utf8ToWide(std::string_view text) {
     std::wstring wide(static_cast<size_t>(length), L'\0');
     MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), wide.data(),
                         length);
+    return wide;
+}
+
+std::string WideToUtf8(const wchar_t* text) {
+    const int length = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
+    if (length <= 1) return std::string();
+    std::string narrow(static_cast<size_t>(length), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text, -1, narrow.data(), length, nullptr, nullptr);
+    narrow.resize(static_cast<size_t>(length) - 1);
+    return narrow;
+}
+
+// A UTF-8 path as Windows wants it. A text that is not UTF-8 converts to
+// nothing, and nothing opens.
+std::wstring WidePath(const std::string& path) {
+    if (path.empty()) return std::wstring();
+    const int length =
+        MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.data(),
+                            static_cast<int>(path.size()), nullptr, 0);
+    if (length <= 0) return std::wstring();
+    std::wstring wide(static_cast<size_t>(length), L'\0');
+    MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.data(), static_cast<int>(path.size()),
+                        wide.data(), length);
     return wide;
 }
 
@@ -63,6 +87,119 @@ std::string DesktopFolder() {
         return "";
     narrow.resize(static_cast<size_t>(length) - 1);  // drop the terminating zero
     return narrow;
+}
+
+bool IsExistingFile(const std::string& path) {
+    const std::wstring wide = WidePath(path);
+    if (wide.empty()) return false;
+    WIN32_FIND_DATAW found{};
+    const HANDLE search = FindFirstFileW(wide.c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) return false;
+    FindClose(search);
+    return (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+}
+
+FileHandle OpenFileForReading(const std::string& path) {
+    const std::wstring wide = WidePath(path);
+    if (wide.empty()) return kNoFile;
+    const HANDLE file = CreateFileW(wide.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    return file == INVALID_HANDLE_VALUE ? kNoFile : reinterpret_cast<FileHandle>(file);
+}
+
+bool FileSize(FileHandle file, uint64_t& size) {
+    LARGE_INTEGER value{};
+    if (!GetFileSizeEx(reinterpret_cast<HANDLE>(file), &value)) return false;
+    size = static_cast<uint64_t>(value.QuadPart);
+    return true;
+}
+
+uint32_t ReadFromFile(FileHandle file, uint8_t* buffer, uint32_t length, uint32_t& error) {
+    error = 0;
+    uint32_t done = 0;
+    while (done < length) {
+        DWORD got = 0;
+        if (!ReadFile(reinterpret_cast<HANDLE>(file), buffer + done, length - done, &got, nullptr)) {
+            error = GetLastError();
+            break;
+        }
+        if (got == 0) break;
+        done += got;
+    }
+    return done;
+}
+
+void CloseFile(FileHandle file) {
+    if (file != kNoFile) CloseHandle(reinterpret_cast<HANDLE>(file));
+}
+
+std::string FirstFileWithExtension(const std::string& extension) {
+    const std::wstring pattern = L"*" + Utf8ToWide(extension);
+    WIN32_FIND_DATAW found{};
+    const HANDLE search = FindFirstFileW(pattern.c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) return "";
+    std::string path;
+    do {
+        if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) continue;
+        wchar_t full[MAX_PATH * 4] = {};
+        if (GetFullPathNameW(found.cFileName, MAX_PATH * 4, full, nullptr) == 0) continue;
+        path = WideToUtf8(full);
+        break;
+    } while (FindNextFileW(search, &found));
+    FindClose(search);
+    return path;
+}
+
+struct Thread {
+    HANDLE handle = nullptr;
+    ThreadEntry entry = nullptr;
+    void* argument = nullptr;
+    HMODULE module = nullptr;
+};
+
+namespace {
+
+DWORD WINAPI RunThread(void* raw) {
+    Thread* thread = static_cast<Thread*>(raw);
+    const DWORD code = thread->entry(thread->argument);
+    // The last call leaves through kernel32: the module reference taken at
+    // the start is dropped only once no code of the library runs here.
+    if (thread->module != nullptr) FreeLibraryAndExitThread(thread->module, code);
+    return code;
+}
+
+}  // namespace
+
+Thread* StartThread(ThreadEntry entry, void* argument) {
+    auto* thread = new (std::nothrow) Thread;
+    if (thread == nullptr) return nullptr;
+    thread->entry = entry;
+    thread->argument = argument;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                       reinterpret_cast<LPCWSTR>(&RunThread), &thread->module);
+    thread->handle = CreateThread(nullptr, 0, RunThread, thread, 0, nullptr);
+    if (thread->handle == nullptr) {
+        if (thread->module != nullptr) FreeLibrary(thread->module);
+        delete thread;
+        return nullptr;
+    }
+    return thread;
+}
+
+void JoinThread(Thread* thread) {
+    if (thread == nullptr) return;
+    // At process exit Windows has already ended every other thread before
+    // the DLL's destructors run; the wait then returns at once.
+    WaitForSingleObject(thread->handle, INFINITE);
+    CloseHandle(thread->handle);
+    delete thread;
+}
+
+bool CurrentThreadExitCode(uint32_t& code) {
+    DWORD value = 0;
+    if (!GetExitCodeThread(GetCurrentThread(), &value)) return false;
+    code = value;
+    return true;
 }
 
 }  // namespace VideoConsoleCore::platform

@@ -1,5 +1,9 @@
 // The core's own settings table: filled once by initialisation from the file
 // given to KORVSDK_Init, looked up again at each use.
+//
+// After initialisation the table is only ever read. Worker threads (the
+// updaters, the lights) look keys up while the caller's thread may too, so a
+// lookup never inserts: an absent key simply reads as "".
 #include "core/VideoConsoleCoreImp.h"
 #include "settings/settings_file.h"
 
@@ -12,39 +16,42 @@ void VideoConsoleCoreImp::ReadSettings() {
     }
 }
 
-std::string VideoConsoleCoreImp::Setting(const std::string& key) { return m_settings[key]; }
+std::string VideoConsoleCoreImp::Setting(const std::string& key) const {
+    const auto found = m_settings.find(key);
+    return found == m_settings.end() ? std::string() : found->second;
+}
 
-std::optional<int> VideoConsoleCoreImp::IntegerSetting(const std::string& key, int base) {
-    const std::string& value = m_settings[key];
-    if (value.empty()) return std::nullopt;
-    return ParseIntegerSetting(value, base);
+std::optional<int> VideoConsoleCoreImp::IntegerSetting(const std::string& key, int base) const {
+    const auto found = m_settings.find(key);
+    if (found == m_settings.end() || found->second.empty()) return std::nullopt;
+    return ParseIntegerSetting(found->second, base);
 }
 
 void VideoConsoleCoreImp::ApplyBurnAreaSetting() {
-    // USB_Burn_Area picks the flash areas that a USB firmware update writes:
-    // 1 = area 1, 2 = areas 1+2, 3 = areas 1+3, 4 = areas 1+2+3; anything
-    // else, or nothing, writes the whole flash. Area flags are only ever set
-    // here, never cleared.
-    m_doAreaPartial = true;
+    // USB_Burn_Area picks what a USB firmware update writes. 1: the firmware
+    // area; 2: firmware and customized; 3: firmware and private; 4: all
+    // three; 0, nothing, or anything else: the whole flash image. The item
+    // flags are only ever set here, never cleared, so a value that falls
+    // back to the whole image keeps the items an earlier start chose.
+    m_doAreaOther = true;
     m_doAreaEntire = false;
-    m_doArea[0] = true;
-    const std::optional<int> area = IntegerSetting("USB_Burn_Area", 0);
-    switch (area.value_or(0)) {
+    m_chkFirmware = true;
+    switch (IntegerSetting("USB_Burn_Area", 0).value_or(0)) {
         case 1:
             break;
         case 2:
-            m_doArea[1] = true;
+            m_chkCustomized = true;
             break;
         case 3:
-            m_doArea[2] = true;
+            m_chkPrivate = true;
             break;
         case 4:
-            m_doArea[1] = true;
-            m_doArea[2] = true;
+            m_chkPrivate = true;
+            m_chkCustomized = true;
             break;
         default:
             m_doAreaEntire = true;
-            m_doAreaPartial = false;
+            m_doAreaOther = false;
             break;
     }
 }

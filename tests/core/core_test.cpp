@@ -65,14 +65,15 @@ TEST_F(CoreTest, NothingToReadLeavesTableEmptyAndLogsOn) {
 TEST_F(CoreTest, BurnAreaSelection) {
     struct Case {
         const char* value;
-        bool entire, area2, area3;
+        bool entire, privateArea, customized;
     };
+    // 2 = firmware + customized, 3 = firmware + private.
     const std::vector<Case> cases = {
         {"", true, false, false},       {"0", true, false, false},
-        {"1", false, false, false},     {"2", false, true, false},
-        {"3", false, false, true},      {"4", false, true, true},
+        {"1", false, false, false},     {"2", false, false, true},
+        {"3", false, true, false},      {"4", false, true, true},
         {"5", true, false, false},      {"0x4", false, true, true},
-        {"03", false, false, true},     {"banana", true, false, false},
+        {"03", false, true, false},     {"banana", true, false, false},
         {"-1", true, false, false},
     };
     for (const Case& c : cases) {
@@ -80,10 +81,10 @@ TEST_F(CoreTest, BurnAreaSelection) {
         core.m_settings["USB_Burn_Area"] = c.value;
         core.ApplyBurnAreaSetting();
         EXPECT_EQ(core.m_doAreaEntire, c.entire) << c.value;
-        EXPECT_EQ(core.m_doAreaPartial, !c.entire) << c.value;
-        EXPECT_TRUE(core.m_doArea[0]) << c.value;
-        EXPECT_EQ(core.m_doArea[1], c.area2) << c.value;
-        EXPECT_EQ(core.m_doArea[2], c.area3) << c.value;
+        EXPECT_EQ(core.m_doAreaOther, !c.entire) << c.value;
+        EXPECT_TRUE(core.m_chkFirmware) << c.value;
+        EXPECT_EQ(core.m_chkPrivate, c.privateArea) << c.value;
+        EXPECT_EQ(core.m_chkCustomized, c.customized) << c.value;
     }
 }
 
@@ -92,9 +93,9 @@ TEST_F(CoreTest, BurnAreaFlagsAreNeverCleared) {
     core_.ApplyBurnAreaSetting();
     core_.m_settings["USB_Burn_Area"] = "1";
     core_.ApplyBurnAreaSetting();
-    EXPECT_TRUE(core_.m_doArea[1]);
-    EXPECT_TRUE(core_.m_doArea[2]);
-    EXPECT_TRUE(core_.m_doAreaPartial);
+    EXPECT_TRUE(core_.m_chkPrivate);
+    EXPECT_TRUE(core_.m_chkCustomized);
+    EXPECT_TRUE(core_.m_doAreaOther);
 }
 
 namespace {

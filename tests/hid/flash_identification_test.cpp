@@ -61,7 +61,7 @@ TEST_F(FlashIdTest, OnlyTheInputRequestIsSent) {
     ASSERT_EQ(backend->inputLengths.size(), 1u);
     EXPECT_EQ(backend->inputLengths[0], 65u | 0x0400u);
     EXPECT_EQ(MessageLog::All(), "Device ID: 22\n");
-    EXPECT_EQ(core.m_bytesPerSector, 65536u);
+    EXPECT_EQ(core.m_bytesPerBlock, 65536u);
 }
 
 TEST_F(FlashIdTest, UnknownIndexFallsBackToTheDefaultPart) {
@@ -89,7 +89,7 @@ TEST_F(FlashIdTest, SmallSectorPartAndItsLog) {
     EXPECT_EQ(core.m_flashDevice.sectorSize, 4096u);
     EXPECT_EQ(core.m_flashDevice.sectorsPerBlock, 16);
     EXPECT_EQ(core.m_flashDevice.secondSize, 16);
-    EXPECT_EQ(core.m_bytesPerSector, 4096u);
+    EXPECT_EQ(core.m_bytesPerBlock, 4096u);
     const std::string log = korvsdk_test::ReadFile(core.LogFilePath());
     const char* lines[] = {"NOR(0, 0) init device",     "Name            : GD_GD25Q128C",
                            "Page Size       : 256 Bytes", "Sector Size     : 4096 Bytes",
@@ -107,7 +107,7 @@ TEST_F(FlashIdTest, SmallSectorPartAndItsLog) {
 TEST_F(FlashIdTest, PartWithoutGeometryOnAFreshRecordDoesNotDivideByZero) {
     ASSERT_TRUE(Identify(1));
     EXPECT_EQ(core.m_flashDevice.pageSize, 0);
-    EXPECT_EQ(core.m_bytesPerSector, 0u);
+    EXPECT_EQ(core.m_bytesPerBlock, 0u);
     ASSERT_TRUE(Identify(26));
     ASSERT_TRUE(Identify(1));
     EXPECT_EQ(core.m_flashDevice.totalBlocks, 256) << "the earlier geometry stays";

@@ -120,8 +120,11 @@ void VirtualBridge::SetGpioLevel(int pin, bool high) {
 
 void VirtualBridge::AdvanceTargets() {
     const auto now = std::chrono::steady_clock::now();
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now - lastIic_).count();
-    lastIic_ = now;
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - lastIic_);
+    const auto ms = elapsed.count();
+    // The fraction of a millisecond left over counts towards the next step,
+    // so that the targets' clocks keep pace with real time.
+    lastIic_ += elapsed;
     for (auto& [address, target] : targets_) {
         (void)address;
         if (target) target->Advance(static_cast<uint32_t>(ms));

@@ -89,6 +89,7 @@ void ReadMcuKeys(const SettingsTable& settings, const std::string& p, VirtualDev
     // The library takes the microcontroller for the board's own when its
     // device type is the model code (or the model code + 128).
     mcu.deviceType = config.modelCode;
+    mcu.rgbLight = config.modelCode == 6 || config.modelCode == 8;
     SetNumber(settings, p + "McuDeviceType", 0, 0, 0xFF, mcu.deviceType);
     SetNumber(settings, p + "McuVersion", 0, 0, 0xFF, mcu.firmwareVersion);
     SetNumber(settings, p + "BoardVariant", 0, 0, 0xFF, mcu.boardVariant);

@@ -107,4 +107,19 @@ bool VirtualAudioCodec::Read(const uint8_t* writeData, size_t writeCount, uint8_
     return true;
 }
 
+bool VirtualRgbLight::Write(const uint8_t* data, size_t count) {
+    if (count == 0) return false;
+    writes_.emplace_back(data, data + count);
+    uint8_t reg = data[0];
+    for (size_t i = 1; i < count; ++i) regs_[reg++] = data[i];
+    return true;
+}
+
+bool VirtualRgbLight::Read(const uint8_t* writeData, size_t writeCount, uint8_t* out,
+                           size_t readCount) {
+    uint8_t reg = writeCount > 0 ? writeData[0] : 0;
+    for (size_t i = 0; i < readCount; ++i) out[i] = regs_[reg++];
+    return true;
+}
+
 }  // namespace VideoConsoleCore::virtualdev

@@ -73,4 +73,24 @@ private:
     uint8_t pointer_ = 0;
 };
 
+// The RGB light of the boards with models 6 and 8, on bus 2 at 0xCE: 256
+// one-byte registers with auto-increment. It keeps every write as it came
+// (register address first), so that tests see the light's programming
+// byte for byte.
+class VirtualRgbLight : public I2cTarget {
+public:
+    static constexpr uint8_t kBus = 2;
+    static constexpr uint8_t kAddress = 0xCE;
+
+    bool Write(const uint8_t* data, size_t count) override;
+    bool Read(const uint8_t* writeData, size_t writeCount, uint8_t* out, size_t readCount) override;
+
+    const std::vector<std::vector<uint8_t>>& Writes() const { return writes_; }
+    uint8_t Register(uint8_t reg) const { return regs_[reg]; }
+
+private:
+    std::array<uint8_t, 256> regs_{};
+    std::vector<std::vector<uint8_t>> writes_;
+};
+
 }  // namespace VideoConsoleCore::virtualdev

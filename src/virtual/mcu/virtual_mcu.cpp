@@ -50,6 +50,10 @@ VirtualMcu::VirtualMcu(VirtualMcuConfig config)
         codec_ = std::make_unique<VirtualAudioCodec>(kind);
         busTargets_[{1, config_.codecAddress.value_or(place.address)}] = codec_.get();
     }
+    if (config_.rgbLight) {
+        rgbLight_ = std::make_unique<VirtualRgbLight>();
+        busTargets_[{VirtualRgbLight::kBus, VirtualRgbLight::kAddress}] = rgbLight_.get();
+    }
     if (!config_.programMemoryErased) {
         McuImageOptions image;
         image.deviceType = config_.deviceType;
@@ -146,6 +150,7 @@ bool VirtualMcu::Tick(Busy& busy, uint32_t& ms) {
 }
 
 void VirtualMcu::Advance(uint32_t milliseconds) {
+    clockMs_ += milliseconds;
     uint32_t ms = milliseconds;
     if (Tick(transition_, ms)) FinishTransition();
     ms = milliseconds;
@@ -212,6 +217,7 @@ uint8_t VirtualMcu::ReadAppRegister(uint8_t reg) const {
         case kRegSave: return saveStatus_;
         case kRegParameterSource: return parameterSource_;
         case kRegLed: return led_;
+        case kRegLed + 1: return led_;  // the pattern shown, read as the pair's second byte
         case kRegBridgeStatus: return bridgeStatus_;
         case kRegWorkMode: return 0x01;
         case kRegBootloaderVersion: return config_.bootloaderVersion;
@@ -240,16 +246,20 @@ bool VirtualMcu::WriteAppRegister(uint8_t reg, uint8_t value) {
         case kRegHpOutMuteSet: audio_.hpMute = Flag(value); return true;
         case kRegMicInMuteSet: audio_.micMute = Flag(value); return true;
         case kRegAuxInMuteSet: audio_.auxMute = Flag(value); return true;
-        case kRegLed:
-            if (value < 0x80 || value > 0x83) return false;
-            led_ = value;
-            return true;
+        case kRegLed: return WriteLed(value);
         case kRegJumpBootloader:
             if (value != 0x01) return false;
             EnterBootloaderLine();
             return true;
         default: return false;  // read only or nothing there: data byte not acknowledged
     }
+}
+
+bool VirtualMcu::WriteLed(uint8_t value) {
+    if (value < 0x80 || value > 0x83) return false;
+    led_ = value;
+    ledTimeline_.push_back({clockMs_, value});
+    return true;
 }
 
 // 0xBC 0x01: save the audio and HDCP parameters. 0xBC 0x02 0 0 0 0 + 80
@@ -327,7 +337,8 @@ uint8_t VirtualMcu::ReadBootloaderRegister(uint8_t reg) const {
         case kRegWorkMode: return 0x00;
         case kBlBusy: return blStatus_;
         case kRegBootloaderVersion: return config_.bootloaderVersion;
-        case kRegLed: return led_;
+        case kRegLed:
+        case kRegLed + 1: return led_;
         default: return 0xFF;
     }
 }
@@ -341,9 +352,7 @@ bool VirtualMcu::BlAddressRange(uint32_t address, uint32_t pages) const {
 // bytes big-endian), then 128 data bytes for program and verify.
 bool VirtualMcu::WriteBootloader(const uint8_t* data, size_t count) {
     if (data[0] == kRegLed) {  // the bootloader drives the LED during an update
-        if (count != 2 || data[1] < 0x80 || data[1] > 0x83) return false;
-        led_ = data[1];
-        return true;
+        return count == 2 && WriteLed(data[1]);
     }
     if (data[0] == kRegJumpBootloader) return count == 2 && data[1] == 0x01;  // already here
     if (data[0] != kBlCommand || count < kBlHeader || blBusy_.active) return false;

@@ -64,6 +64,7 @@ struct VirtualMcuConfig {
     bool videoLocked = true;     // 0x0C
     bool hdmiSourcePresent = true;  // 0x02 bit 0
     uint8_t ledPattern = 0x80;   // 0xC8
+    bool rgbLight = false;       // the RGB light chip of models 6 and 8 (bus 2, 0xCE)
 
     McuTimings timings;
 };
@@ -159,6 +160,15 @@ public:
     // Observation for tests and the device model.
     McuMode Mode() const { return mode_; }
     uint8_t LedPattern() const { return led_; }
+    // Every pattern written to 0xC8 since power-on, with the microcontroller's
+    // clock (milliseconds of Advance) at the time.
+    struct LedWrite {
+        uint64_t atMs;
+        uint8_t pattern;
+    };
+    const std::vector<LedWrite>& LedTimeline() const { return ledTimeline_; }
+    uint64_t ClockMs() const { return clockMs_; }
+    VirtualRgbLight* RgbLight() { return rgbLight_.get(); }
     // Program memory from address 0x1000 (kImageMaxSize bytes, 0xFF erased).
     const std::vector<uint8_t>& ProgramMemory() const { return program_; }
     bool HasSavedParameters() const { return saved_.has_value(); }
@@ -198,6 +208,7 @@ private:
 
     bool WriteApplication(const uint8_t* data, size_t count);
     bool WriteAppRegister(uint8_t reg, uint8_t value);
+    bool WriteLed(uint8_t value);
     bool StartSave(const uint8_t* data, size_t count);
     bool StartBridge(const uint8_t* data, size_t count);
     uint8_t ReadAppRegister(uint8_t reg) const;
@@ -225,6 +236,8 @@ private:
     Audio audio_{};
     bool hpMicPlugged_, lineInPlugged_, videoLocked_, hdmiSourcePresent_;
     uint8_t led_;
+    std::vector<LedWrite> ledTimeline_;
+    uint64_t clockMs_ = 0;
     uint8_t parameterSource_ = 0;
     std::optional<Audio> saved_;
     std::optional<std::array<uint8_t, kLedParameterSize>> savedLed_;
@@ -236,6 +249,7 @@ private:
     // I2C master.
     std::unique_ptr<VirtualHdmiSplitter> splitter_;
     std::unique_ptr<VirtualAudioCodec> codec_;
+    std::unique_ptr<VirtualRgbLight> rgbLight_;
     std::map<std::pair<uint8_t, uint8_t>, I2cTarget*> busTargets_;
     uint8_t bridgeStatus_ = 0;
     Busy bridge_;

@@ -1,0 +1,229 @@
+#include "firmware/lights.h"
+
+#include <chrono>
+#include <cstring>
+#include <memory>
+
+#include "core/VideoConsoleCoreImp.h"
+#include "device/mcu_access.h"
+#include "hid/report_protocol.h"
+#include "platform/platform.h"
+
+namespace VideoConsoleCore::firmware {
+
+namespace {
+
+constexpr uint32_t kRgbFirstWaitMs = 500;
+constexpr uint32_t kRgbStepWaitMs = 10;
+constexpr uint32_t kLedSaveFirstWaitMs = 100;
+constexpr uint32_t kLedSavePollWaitMs = 100;
+constexpr int kLedSavePolls = 10;
+// A steady phase (period 0) has nothing to time; its thread only looks
+// this often whether it should end.
+constexpr uint32_t kSteadyPollMs = 100;
+
+bool IicWrite(VideoConsoleCoreImp& core, const uint8_t* bytes, size_t count) {
+    uint8_t frame[96];
+    std::memcpy(frame, bytes, count);
+    return AccessIicData(core, kIicWrite, kMcuAddress, static_cast<uint8_t>(count), frame, 0) &&
+           frame[0] == 0;
+}
+
+// One light thread's orders; it owns the copy it is given.
+struct LightJob {
+    VideoConsoleCoreImp* core;
+    VideoConsoleCoreImp::LightThread* slot;
+    uint32_t generation;
+    int phase;
+    const std::atomic<bool>* runWhile;
+    const char* exitText0;
+    const char* exitText1;
+};
+
+bool JobGoesOn(const LightJob& job) {
+    return *job.runWhile && !job.core->m_stopping && job.slot->generation == job.generation;
+}
+
+// Sleeps `ms`, or less when the thread is told to end.
+void SleepUnlessEnded(const LightJob& job, uint32_t ms) {
+    std::unique_lock lock(job.core->m_wakeMutex);
+    job.core->m_wake.wait_for(lock, std::chrono::milliseconds(ms), [&] { return !JobGoesOn(job); });
+}
+
+uint32_t RunLights(void* raw) {
+    const std::unique_ptr<LightJob> job(static_cast<LightJob*>(raw));
+    VideoConsoleCoreImp& core = *job->core;
+    core.m_toggleCounter = 0;
+    core.m_patternWrittenOnce = 0;
+    while (JobGoesOn(*job)) {
+        const uint16_t period = core.m_ledPeriod[job->phase];
+        const uint8_t pattern = core.m_ledPattern[job->phase];
+        if (period > 0) {
+            const uint32_t count = core.m_toggleCounter++;
+            if (!WriteLedPattern(core, (count & 1) != 0 ? kLedDark : pattern)) break;
+            SleepUnlessEnded(*job, period);
+        } else {
+            if (core.m_patternWrittenOnce == 0) {
+                if (!WriteLedPattern(core, pattern)) break;
+                core.m_patternWrittenOnce = 1;
+            }
+            SleepUnlessEnded(*job, kSteadyPollMs);
+        }
+    }
+    core.DebugOut(job->exitText0);
+    uint32_t code = 0;
+    if (!platform::CurrentThreadExitCode(code)) return 1;
+    core.DebugOut(job->exitText1);
+    return code;
+}
+
+void Wake(VideoConsoleCoreImp& core) {
+    { std::lock_guard lock(core.m_wakeMutex); }
+    core.m_wake.notify_all();
+}
+
+// Ends the slot's thread (a new generation) and waits for it.
+void EndThread(VideoConsoleCoreImp& core, VideoConsoleCoreImp::LightThread& slot) {
+    ++slot.generation;
+    if (slot.thread == nullptr) return;
+    Wake(core);
+    platform::JoinThread(slot.thread);
+    slot.thread = nullptr;
+}
+
+void StartLights(VideoConsoleCoreImp& core, VideoConsoleCoreImp::LightThread& slot, int phase,
+                 const std::atomic<bool>& runWhile, const char* exit0, const char* exit1) {
+    EndThread(core, slot);
+    auto* job = new LightJob{&core, &slot, slot.generation.load(), phase, &runWhile, exit0, exit1};
+    slot.thread = platform::StartThread(RunLights, job);
+    if (slot.thread == nullptr) delete job;
+}
+
+}  // namespace
+
+bool HasGpioLed(uint8_t model) {
+    return model == 7 || model == 10 || model == 11 || model == 13 || model == 14;
+}
+bool HasRgbLight(uint8_t model) { return model == 6 || model == 8; }
+
+bool WriteLedPattern(VideoConsoleCoreImp& core, uint8_t pattern) {
+    const uint8_t bytes[2] = {kLedRegister, pattern};
+    return IicWrite(core, bytes, sizeof bytes);
+}
+
+bool ReadLedPattern(VideoConsoleCoreImp& core, uint8_t& pattern) {
+    uint8_t data[3] = {kLedRegister, 0, 0};
+    if (!AccessIicData(core, kIicRead, kMcuAddress, 1, data, 2) || data[0] != 0) return false;
+    pattern = data[2];
+    return true;
+}
+
+void BlinkStep(VideoConsoleCoreImp& core) {
+    if (!HasGpioLed(core.m_deviceModel)) return;
+    const auto now = std::chrono::steady_clock::now();
+    const uint16_t period = core.m_ledPeriod[kPhaseUpdating];
+    if (period == 0) {
+        if (core.m_patternWrittenOnce == 0) {
+            WriteLedPattern(core, core.m_ledPattern[kPhaseUpdating]);
+            core.m_patternWrittenOnce = 1;
+        }
+        return;
+    }
+    if (now - core.m_lastToggle > std::chrono::milliseconds(period)) {
+        const uint32_t count = core.m_toggleCounter++;
+        WriteLedPattern(core, (count & 1) != 0 ? kLedDark : core.m_ledPattern[kPhaseUpdating].load());
+        core.m_lastToggle = now;
+    }
+}
+
+bool SetRgbPhase(VideoConsoleCoreImp& core, int phase) {
+    if (phase < 0 || phase > 2) return false;
+    const uint8_t* colour = core.m_rgbColour[phase];
+    uint8_t colours[7 + 15] = {0xCD, 0x02, 0xCE, 0x01, 0x03, 0x10, 0x0F};
+    for (int i = 0; i < 5; ++i) std::memcpy(colours + 7 + 3 * i, colour, 3);
+    const uint8_t step1[] = {0xCD, 0x02, 0xCE, 0x01, 0x00, 0x02, 0x81, 0x60};
+    const uint8_t step3[] = {0xCD, 0x02, 0xCE, 0x01, 0x00, 0x02, 0x80, 0x21};
+    const uint8_t step4[] = {0xCD, 0x02, 0xCE, 0x01, 0x03, 0x02, 0x01, core.m_rgbMode[phase]};
+    const uint8_t step5[] = {0xCD, 0x02, 0xCE, 0x01, 0x00, 0x02, 0x80, 0x2F};
+    const uint8_t step6[] = {0xCD, 0x02, 0xCE, 0x01, 0x03, 0x02, 0x01, 0x01};
+    const struct {
+        const uint8_t* bytes;
+        size_t count;
+    } steps[] = {{step1, sizeof step1}, {colours, sizeof colours}, {step3, sizeof step3},
+                 {step4, sizeof step4}, {step5, sizeof step5},     {step6, sizeof step6}};
+
+    platform::SleepMilliseconds(kRgbFirstWaitMs);
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        if (i > 0) platform::SleepMilliseconds(kRgbStepWaitMs);
+        if (!IicWrite(core, steps[i].bytes, steps[i].count)) return false;
+    }
+    return true;
+}
+
+bool SaveLedParameters(VideoConsoleCoreImp& core, const uint8_t* block) {
+    uint8_t frame[86] = {mcu_reg::kSave, 0x02, 0x00, 0x00, 0x00, 0x00};
+    std::memcpy(frame + 6, block, 80);
+    if (!IicWrite(core, frame, sizeof frame)) {
+        core.DebugOut("Iic Access Fail!");
+        return false;
+    }
+    platform::SleepMilliseconds(kLedSaveFirstWaitMs);
+    for (int poll = 0; poll < kLedSavePolls; ++poll) {
+        uint8_t status[2] = {mcu_reg::kSave, 0};
+        if (!AccessIicData(core, kIicRead, kMcuAddress, 1, status, 1) || status[0] != 0) {
+            core.DebugOut("Iic Access Fail!");
+            return false;
+        }
+        if ((status[1] & 0x02) != 0) {
+            platform::SleepMilliseconds(kLedSavePollWaitMs);
+            continue;
+        }
+        switch (status[1]) {
+            case 0x00: core.DebugOut("Save Led Parameters Complete!"); return true;
+            case 0x10: core.DebugOut("Save Led Parameters Erase Error!"); return false;
+            case 0x20: core.DebugOut("Save Led Parameters Write Error!"); return false;
+            case 0x40: core.DebugOut("Save Led Parameters Error!"); return false;
+            default: core.DebugOut("Save Led Parameters Unknown Error!"); return false;
+        }
+    }
+    return false;  // still busy after ten looks: nothing to say
+}
+
+void StartFinishLights(VideoConsoleCoreImp& core, bool success) {
+    StartLights(core, core.m_finishLights, success ? kPhaseSucceeded : kPhaseFailed,
+                core.m_updateFinished, "Call Exit_UpdateFinish_Lights_Thread_0.\n",
+                "Call Exit_UpdateFinish_Lights_Thread_1.\n");
+}
+
+void StartUpdatingLights(VideoConsoleCoreImp& core) {
+    StartLights(core, core.m_updatingLights, kPhaseUpdating, core.m_updateRunning,
+                "Call Exit_Updating_Lights_Thread_0.\n", "Call Exit_Updating_Lights_Thread_1.\n");
+}
+
+void EndFinishLights(VideoConsoleCoreImp& core) {
+    core.m_updateFinished = false;
+    Wake(core);
+}
+
+void StopLightThreads(VideoConsoleCoreImp& core, bool fromDestructor) {
+    if (!fromDestructor) {
+        EndThread(core, core.m_finishLights);
+        EndThread(core, core.m_updatingLights);
+        return;
+    }
+    // The process may be exiting: on Windows its other threads are already
+    // gone and one of them may have died holding the wake mutex, so it is
+    // only tried. A thread that misses the wake-up sees the stop within one
+    // period.
+    core.m_stopping = true;
+    {
+        std::unique_lock lock(core.m_wakeMutex, std::try_to_lock);
+    }
+    core.m_wake.notify_all();
+    for (VideoConsoleCoreImp::LightThread* slot : {&core.m_finishLights, &core.m_updatingLights}) {
+        platform::JoinThread(slot->thread);
+        slot->thread = nullptr;
+    }
+}
+
+}  // namespace VideoConsoleCore::firmware
