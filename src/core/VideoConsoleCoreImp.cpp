@@ -2,6 +2,7 @@
 
 #include "hid/backend/backend_factory.h"
 #include "firmware/lights.h"
+#include "firmware/update_common.h"
 #include "hid/backend/hid_backend.h"
 
 #include <cstdlib>
@@ -25,7 +26,10 @@ VideoConsoleCoreImp::VideoConsoleCoreImp() { g_VC_CorePointer = this; }
 VideoConsoleCoreImp::~VideoConsoleCoreImp() {
     VideoConsoleCoreImp* self = this;
     g_VC_CorePointer.compare_exchange_strong(self, nullptr);
-    // No thread of the library outlives the core.
+    // No thread of the library outlives the core. An update that is still
+    // writing is let finish (stopping it would leave the flash half
+    // written); its end may start the finish lights, which stop next.
+    firmware::JoinUpdateThread(*this);
     firmware::StopLightThreads(*this, true);
     // The selected device's interface stays open for the life of the core.
     CloseOpenInterface();

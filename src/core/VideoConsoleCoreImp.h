@@ -198,6 +198,11 @@ public:
     bool GetFirmwareFileVersion(std::string& text, FirmwareKind kind);
     bool StartUsbFwUpdate();
     bool StartMcuFwUpdate();
+    // The tool core's starts: no guards beyond a running update, no
+    // callbacks (firmware/usb_update.cpp, firmware/mcu_update.cpp).
+    bool StartUsbFwUpdateForToolCore();
+    // The preparation behind both USB starts, once the device state is 3.
+    bool BeginUsbUpdate(bool toolCore);
     bool SetGpioLed(uint8_t value);
     bool SetUpdateGpioLedLights(uint8_t phase, uint8_t value, uint16_t period);
     // The start-up scan: takes the first *.hex and *.bin of the working
@@ -310,6 +315,10 @@ public:
     std::string m_mcuFileVersion;
     std::atomic<uint8_t> m_usbFileValid{0};
     std::atomic<uint8_t> m_mcuFileValid{0};
+    // What the accepted files were (length and hash), so that a start can
+    // tell a file changed since it was checked.
+    uint64_t m_usbFileFingerprint = 0;
+    uint64_t m_mcuFileFingerprint = 0;
     intptr_t m_openFile = -1;  // platform::FileHandle of the file being read
 
     // ---- Update flags, shared by the updaters and the light threads ------
@@ -318,6 +327,12 @@ public:
     std::atomic<bool> m_writeFlag{false};
     std::atomic<bool> m_flashBusy{false};
     std::atomic<bool> m_mcuUpdateStarted{false};
+    // The update's worker thread; waited for before the next one starts and
+    // before the core goes.
+    platform::Thread* m_updateThread = nullptr;
+    // Test seam: every wait of the updaters is divided by this (1 = the
+    // device's own waits). Only tests of many interrupted updates change it.
+    std::atomic<uint32_t> m_updateWaitDivisor{1};
 
     // ---- Lights (firmware/lights.cpp) -------------------------------------
     // Pattern byte and blink period (ms, 0 = steady) of the three phases:

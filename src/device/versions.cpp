@@ -10,6 +10,7 @@
 // Microcontroller: registers 0xA0 (device type), 0xA1 (firmware version)
 // and 0xA2..0xA5 (board variant and configuration bytes) of the running
 // application.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -52,8 +53,9 @@ bool VideoConsoleCoreImp::ReadUsbFwVersion(bool quiet) {
         DebugOut("Unknown error: Couldn't execute AP_FLASH_BURST_LATER--case 3\n");
         return false;
     }
-    m_flashBuffer.assign(kInfoAreaLength, 0);
-    if (!BurstFlashAccess(*this, kFlashOpToMemory, kInfoAreaLength, m_flashBuffer.data(), 0))
+    std::fill(m_flashBuffer.begin(), m_flashBuffer.end(), 0);
+    if (!BurstFlashAccess(*this, kFlashOpToMemory, kInfoAreaLength, m_flashBuffer.data(),
+                          m_flashBuffer.size(), 0))
         return false;
     const char* stored = reinterpret_cast<const char*>(m_flashBuffer.data());
     m_usbFwVersion.assign(stored, strnlen(stored, kStoredVersionLength));

@@ -4,6 +4,7 @@
 //
 // The bridge needs time after it has been opened and between attempts; the
 // pauses below are the device's, not ours, and are kept exactly.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -70,14 +71,26 @@ void AdoptInterface(VideoConsoleCoreImp& core, HidSearchResult& found) {
     core.m_deviceOpen = true;
 }
 
-// One report buffer per kind, as long as the kind's output report. An
-// interface with only two output value reports has no third buffer size;
-// that buffer keeps its size (the protocol grows it when it is used).
+// The report buffers, sized once here for everything the interface can
+// ask of them, so that nothing grows (and moves) one while a worker thread
+// uses it: one output buffer per kind as long as the kind's report (at
+// least a command header), the staging buffer for the longest output
+// report, and the input buffer for the longest request word (0xFFFF) or
+// input report.
 void SizeReportBuffers(VideoConsoleCoreImp& core) {
-    for (size_t kind = 0; kind < 3 && kind < core.m_outputValueCaps.size(); ++kind) {
-        const size_t size = core.m_outputValueCaps[kind].ReportCount + 1u;
-        if (core.m_reportBuffers[kind].size() != size) core.m_reportBuffers[kind].assign(size, 0);
+    size_t longestOutput = 16;
+    for (size_t kind = 0; kind < 3; ++kind) {
+        size_t size = 16;
+        if (kind < core.m_outputValueCaps.size())
+            size = std::max<size_t>(size, core.m_outputValueCaps[kind].ReportCount + 1u);
+        core.m_reportBuffers[kind].assign(size, 0);
+        longestOutput = std::max(longestOutput, size);
     }
+    size_t longestInput = 0x10000;
+    for (const hid::HidpValueCaps& caps : core.m_inputValueCaps)
+        longestInput = std::max<size_t>(longestInput, caps.ReportCount + 1u);
+    core.m_outputStaging.assign(longestOutput, 0);
+    core.m_inputBuffer.assign(longestInput, 0);
 }
 
 // Reads versions, identification block and boot mode of the device just

@@ -10,6 +10,7 @@
 
 #include "core/VideoConsoleCoreImp.h"
 #include "firmware/firmware_file.h"
+#include "firmware/update_common.h"
 #include "firmware/version_rules.h"
 #include "platform/platform.h"
 
@@ -173,6 +174,7 @@ bool VideoConsoleCoreImp::SetFirmwareFile(const char* path, FirmwareKind kind) {
     if (accepted) {
         (usb ? m_usbFilePath : m_mcuFilePath) = file;
         (usb ? m_usbFileVersion : m_mcuFileVersion) = version;
+        (usb ? m_usbFileFingerprint : m_mcuFileFingerprint) = firmware::FileFingerprint();
         (usb ? m_usbFileValid : m_mcuFileValid) = 1;
     }
     const std::string record = RecordText(outcome, usb, version);
@@ -210,6 +212,7 @@ void VideoConsoleCoreImp::ScanWorkingFolderForFirmware() {
         if (!file.empty() && firmware::ReadFirmwareFile(*this, file) && ImageLongEnough(usb)) {
             (usb ? m_usbFilePath : m_mcuFilePath) = file;
             (usb ? m_usbFileVersion : m_mcuFileVersion) = ImageVersion(usb);
+            (usb ? m_usbFileFingerprint : m_mcuFileFingerprint) = firmware::FileFingerprint();
             taken = true;
         }
         firmware::CloseFirmwareFile(*this);

@@ -1,5 +1,5 @@
-// The firmware operations that are not about files: the two update starts
-// and the caller's light controls.
+// The firmware operations that are not about files: the microcontroller
+// update start (until it is built) and the caller's light controls.
 #include <string>
 
 #include "core/VideoConsoleCoreImp.h"
@@ -7,7 +7,6 @@
 
 namespace VideoConsoleCore {
 
-bool VideoConsoleCoreImp::StartUsbFwUpdate() { return RequireDevice() && false; }
 bool VideoConsoleCoreImp::StartMcuFwUpdate() { return RequireDevice() && false; }
 
 bool VideoConsoleCoreImp::SetGpioLed(uint8_t value) {

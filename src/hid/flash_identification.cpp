@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
 #include <string>
 
 #include "core/VideoConsoleCoreImp.h"
@@ -37,8 +38,15 @@ bool ReadFlashIdentification(VideoConsoleCoreImp& core) {
     const char* failed = "Unknown error: Couldn't execute REPORT_FLASH_GET_ID function\n";
     hid::HidCallParameters request;
     bool hidError = false;
-    if (!PrepareReportRequest(core, request, templates::kFlashGetId, nullptr) ||
-        !ExchangeReport(core, templates::kFlashGetId, request, hidError)) {
+    std::lock_guard exchange(core.m_exchangeLock);
+    // An interface without a command input report cannot answer at all;
+    // what an earlier exchange left in the buffer is no ID.
+    if (!PrepareReportRequest(core, request, templates::kFlashGetId, nullptr)) {
+        core.DebugOut(failed);
+        return false;
+    }
+    std::fill(core.m_inputBuffer.begin(), core.m_inputBuffer.end(), 0);
+    if (!ExchangeReport(core, templates::kFlashGetId, request, hidError)) {
         // The log line keeps its line break (LogInfo drops one). The HID
         // error check below decides whether this ends the identification.
         core.LogInfo(std::string(failed) + "\n");

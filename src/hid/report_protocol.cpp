@@ -204,8 +204,20 @@ uint32_t AccessFlashData(VideoConsoleCoreImp& core, int operation, uint8_t acces
 }
 
 uint32_t BurstFlashAccess(VideoConsoleCoreImp& core, int operation, uint32_t length,
-                          uint8_t* data, uint32_t startOffset, const BurstProgress& progress) {
+                          uint8_t* data, size_t dataSize, uint32_t startOffset,
+                          const BurstProgress& progress) {
     if (core.m_outputValueCaps.empty() || core.m_inputValueCaps.empty()) return 0;
+    const bool usesData = operation == kFlashOpWrite || operation == kFlashOpRead ||
+                          operation == kFlashOpToMemory;
+    if (usesData && length > 0 &&
+        (data == nullptr || uint64_t{startOffset} + length > dataSize)) {
+        char text[128];
+        std::snprintf(text, sizeof text,
+                      "Flash burst of 0x%x bytes at offset 0x%x lies outside its buffer.\n",
+                      length, startOffset);
+        core.DebugOut(text);
+        return 0;
+    }
     const uint32_t reportLength = ReportLength(core.m_outputValueCaps[kDataReport]);
     if (reportLength <= kDataHeaderBytes) return 0;
     const uint32_t chunk = reportLength - kDataHeaderBytes;
@@ -315,7 +327,8 @@ uint32_t ReadFlashInfoBlock(VideoConsoleCoreImp& core, char* text) {
         return 0;
     std::vector<uint8_t>& block = core.m_flashBuffer;
     Grow(block, kInfoLength);
-    if (!BurstFlashAccess(core, kFlashOpToMemory, kInfoLength, block.data(), 0)) return 0;
+    if (!BurstFlashAccess(core, kFlashOpToMemory, kInfoLength, block.data(), block.size(), 0))
+        return 0;
     core.m_chipType = block[384];
     core.m_flashType = block[385];
     if (text != nullptr) {

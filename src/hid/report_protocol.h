@@ -100,9 +100,11 @@ uint32_t AccessFlashData(VideoConsoleCoreImp& core, int operation, uint8_t acces
 
 // Moves `length` bytes in data-report chunks after AccessFlashData set the
 // range up: write (16), verify against `data` (17), read into `data` (32),
-// or read into the core's open dump file (other).
+// or read into the core's open dump file (other). `data` holds `dataSize`
+// bytes; a range [startOffset, startOffset + length) that does not lie
+// inside them is refused before anything is sent.
 uint32_t BurstFlashAccess(VideoConsoleCoreImp& core, int operation, uint32_t length,
-                          uint8_t* data, uint32_t startOffset,
+                          uint8_t* data, size_t dataSize, uint32_t startOffset,
                           const BurstProgress& progress = nullptr);
 
 // 32-bit read (1) or write (0) of the bridge chip's own memory.

@@ -171,7 +171,7 @@ TEST_F(ProtocolTest, BurstSplitsIntoChunks) {
     std::vector<uint8_t> source(20);
     std::iota(source.begin(), source.end(), 0);
     std::vector<uint32_t> progress;
-    ASSERT_EQ(BurstFlashAccess(core, kFlashOpWrite, 20, source.data(), 0,
+    ASSERT_EQ(BurstFlashAccess(core, kFlashOpWrite, 20, source.data(), source.size(), 0,
                                [&](int, uint32_t done, uint32_t) { progress.push_back(done); }),
               1u);
     ASSERT_EQ(backend->outputReports.size(), 3u);  // 8 + 8 + 4
@@ -181,9 +181,9 @@ TEST_F(ProtocolTest, BurstSplitsIntoChunks) {
     EXPECT_EQ(progress, (std::vector<uint32_t>{8, 16, 20}));
 
     backend->outputReports.clear();
-    EXPECT_EQ(BurstFlashAccess(core, kFlashOpWrite, 8, source.data(), 0), 1u);
+    EXPECT_EQ(BurstFlashAccess(core, kFlashOpWrite, 8, source.data(), source.size(), 0), 1u);
     EXPECT_EQ(backend->outputReports.size(), 1u);
-    EXPECT_EQ(BurstFlashAccess(core, kFlashOpWrite, 0, source.data(), 0), 1u);
+    EXPECT_EQ(BurstFlashAccess(core, kFlashOpWrite, 0, source.data(), source.size(), 0), 1u);
     EXPECT_EQ(backend->outputReports.size(), 1u);
 }
 
@@ -192,11 +192,16 @@ TEST_F(ProtocolTest, BurstReadsIntoMemoryAtTheOffset) {
     std::iota(flash.begin(), flash.end(), 100);
     ServeFlash(flash, 8);
     std::vector<uint8_t> target(24, 0);
-    ASSERT_EQ(BurstFlashAccess(core, kFlashOpToMemory, 20, target.data(), 4), 1u);
+    ASSERT_EQ(BurstFlashAccess(core, kFlashOpToMemory, 20, target.data(), target.size(), 4), 1u);
     EXPECT_EQ(target[3], 0);
     EXPECT_EQ(target[4], 100);
     EXPECT_EQ(target[23], 119);
     EXPECT_EQ(backend->inputLengths[0], 12u) << "data reports carry no command";
+
+    // One byte past the buffer: refused before any report.
+    const size_t reports = backend->inputLengths.size();
+    EXPECT_EQ(BurstFlashAccess(core, kFlashOpToMemory, 21, target.data(), target.size(), 4), 0u);
+    EXPECT_EQ(backend->inputLengths.size(), reports);
 }
 
 TEST_F(ProtocolTest, VerifyMismatchNamesTheFailingChunk) {
@@ -204,18 +209,18 @@ TEST_F(ProtocolTest, VerifyMismatchNamesTheFailingChunk) {
     std::vector<uint8_t> flash = source;
     flash[11] = 0x00;  // in the second chunk
     ServeFlash(flash, 8);
-    EXPECT_EQ(BurstFlashAccess(core, kFlashOpRead, 20, source.data(), 0), 0u);
+    EXPECT_EQ(BurstFlashAccess(core, kFlashOpRead, 20, source.data(), source.size(), 0), 0u);
     EXPECT_EQ(MessageLog::All(), "FlashWrite -- Compare data fail, data(0x00000008~0x00000010) \n");
 }
 
 TEST_F(ProtocolTest, UpdatingAnnouncesWriteAndVerifyOnce) {
     core.m_deviceState = kDeviceStateUpdating;
     std::vector<uint8_t> source(20, 1);
-    EXPECT_EQ(BurstFlashAccess(core, kFlashOpWrite, 20, source.data(), 0), 1u);
+    EXPECT_EQ(BurstFlashAccess(core, kFlashOpWrite, 20, source.data(), source.size(), 0), 1u);
     EXPECT_EQ(MessageLog::All(), "USB firmware is updating..\n");
     MessageLog::Clear();
     core.m_progressSilenced = true;
-    EXPECT_EQ(BurstFlashAccess(core, kFlashOpWrite, 20, source.data(), 0), 1u);
+    EXPECT_EQ(BurstFlashAccess(core, kFlashOpWrite, 20, source.data(), source.size(), 0), 1u);
     EXPECT_TRUE(MessageLog::Texts().empty());
 }
 

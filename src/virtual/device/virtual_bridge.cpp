@@ -90,10 +90,12 @@ bool VirtualBridge::OnCommand(const uint8_t* r) {
         accessMode_ = r[3];
         windowStart_ = Le32(r + 4);
         cursor_ = 0;
+        flash_.BeginWriteSession();
         return true;
     case kFlashSetLength:
         windowLength_ = Le32(r + 3);
         cursor_ = 0;
+        flash_.BeginWriteSession();
         return true;
     case kGpioSet:
         if (r[3] >= kGpioPins) return true;  // no such pin: ignored

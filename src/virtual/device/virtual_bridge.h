@@ -80,6 +80,9 @@ public:
     // window, GPIO and pending replies.
     void Boot();
     bool RunningUpdatedFirmware() const { return boot_.updated; }
+    // The last boot found a half-written firmware marked bootable (see
+    // BootChoice).
+    bool FoundPartialFirmware() const { return boot_.partialFirmware; }
 
     void AttachI2cTarget(uint8_t address7, I2cTarget* target);
     void DetachI2cTarget(uint8_t address7);

@@ -267,6 +267,7 @@ VirtualDeviceConfig ReadVirtualDeviceConfig(const SettingsTable& settings, int n
     SetNumber(settings, p + "UsbFrameRate", 10, 0, 255, config.usbFrameRate);
     SetNumber(settings, p + "UsbColorFormat", 10, 0, 255, config.usbColorFormat);
     SetNumber(settings, p + "LatencyMs", 10, 0, 10000, config.latencyMs);
+    SetNumber(settings, p + "ReplugAfterUpdateMs", 10, 0, 600000, config.replugAfterUpdateMs);
 
     if (const std::string* text = Find(settings, p + "FailCall")) {
         ParseFailCall(*text, config.faults.failCall, config.faults.failAt);

@@ -86,6 +86,10 @@ struct VirtualDeviceConfig {
     uint8_t usbFrameRate = 60;
     uint8_t usbColorFormat = 2;
     uint32_t latencyMs = 0;
+    // Someone re-plugs the device this long after the last flash data
+    // report of an update (a flash write since the last plug-in, then this
+    // much quiet); 0 = nobody does.
+    uint32_t replugAfterUpdateMs = 0;
     FaultPlan faults;
     // The board's microcontroller (read from the settings, its device type
     // follows modelCode unless set) and the faults it shows from power-on;

@@ -22,9 +22,26 @@ void VirtualFlash::Write(uint32_t address, const uint8_t* data, uint32_t count) 
     const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(count, bytes_.size() - address));
     std::memcpy(bytes_.data() + address, data, n);
     sectorErases_ += (address + n - 1) / sectorSize_ - address / sectorSize_ + 1;
+
+    // Coverage of the firmware area by the session writing into it.
+    using namespace flash_layout;
+    const uint64_t end = uint64_t{address} + n;
+    if (end <= kFirmwareStart || address >= kFirmwareStart + kFirmwareLength) return;
+    const uint32_t from = std::max(address, kFirmwareStart);
+    const uint32_t to = static_cast<uint32_t>(std::min<uint64_t>(end, kFirmwareStart + kFirmwareLength));
+    if (firmwareSession_ == session_ && from >= firmwareStart_ && from <= firmwareEnd_) {
+        firmwareEnd_ = std::max(firmwareEnd_, to);
+    } else {
+        firmwareSession_ = session_;
+        firmwareStart_ = from;
+        firmwareEnd_ = to;
+    }
 }
 
-void VirtualFlash::EraseAll() { std::fill(bytes_.begin(), bytes_.end(), uint8_t{0xFF}); }
+void VirtualFlash::EraseAll() {
+    std::fill(bytes_.begin(), bytes_.end(), uint8_t{0xFF});
+    firmwareStart_ = firmwareEnd_ = 0;
+}
 
 uint32_t VirtualFlash::ReadLe32(uint32_t address) const {
     uint8_t b[4];
@@ -59,6 +76,7 @@ UsbImageOptions FactoryImageOptions(const VirtualDeviceConfig& config, uint32_t 
 
 void VirtualFlash::WriteFactoryImage(const VirtualDeviceConfig& config) {
     EraseAll();
+    BeginWriteSession();
     const std::vector<uint8_t> image = BuildUsbImage(FactoryImageOptions(config, Size()));
     Write(0, image.data(), static_cast<uint32_t>(image.size()));
 }
@@ -72,6 +90,11 @@ BootChoice DecideBoot(const VirtualFlash& flash, const std::array<uint8_t, 4>& o
     const uint32_t boot = flash.ReadBe32(kBootSizeAt);
     if (header == 0 || boot == 0 || header == 0xFFFFFFFF || boot == 0xFFFFFFFF ||
         uint64_t{header} + boot > kFirmwareLength) {
+        return choice;
+    }
+    if (flash.FirmwareWrittenStart() > kFirmwareStart ||
+        flash.FirmwareWrittenEnd() < kFirmwareStart + header + boot) {
+        choice.partialFirmware = true;
         return choice;
     }
     char text[17] = {};

@@ -40,6 +40,15 @@ public:
     // Erase units programmed into since construction.
     uint64_t SectorErases() const { return sectorErases_; }
 
+    // A new write session: the bridge's flash window was set up again.
+    // Writes of one session follow each other from the window's start.
+    void BeginWriteSession() { ++session_; }
+    // The stretch of the firmware area that the latest session writing into
+    // it has written without a gap, [start, end); it tells the boot code
+    // whether the firmware there is whole or was cut off part-way.
+    uint32_t FirmwareWrittenStart() const { return firmwareStart_; }
+    uint32_t FirmwareWrittenEnd() const { return firmwareEnd_; }
+
     // Erases the flash and writes the image the device leaves the factory
     // with (FactoryImageOptions): what BuildUsbImage makes of the device's
     // settings.
@@ -49,6 +58,10 @@ private:
     std::vector<uint8_t> bytes_;
     uint32_t sectorSize_;
     uint64_t sectorErases_ = 0;
+    uint64_t session_ = 0;
+    uint64_t firmwareSession_ = 0;
+    uint32_t firmwareStart_ = 0;
+    uint32_t firmwareEnd_ = 0;
 };
 
 // The factory image of a device: boot configuration "load updated", a
@@ -61,13 +74,21 @@ UsbImageOptions FactoryImageOptions(const VirtualDeviceConfig& config, uint32_t 
 struct BootChoice {
     bool updated = false;               // runs the firmware in the flash
     std::array<uint8_t, 4> version{};   // running version (registers 0x54..0x60)
+    // The configuration word said "updated" and the header was sane, but the
+    // firmware was not written whole: a real bridge, which cannot tell,
+    // would have started a half-written firmware here. The model runs its
+    // original firmware instead and says so.
+    bool partialFirmware = false;
 };
 
 // The boot rule: the firmware in the flash runs when the configuration word
 // is 1, the firmware area's header is sane (header length and boot size
-// neither erased nor zero, their sum within the area) and the image's
-// version text parses; in every other case the bridge runs its original
-// firmware from its boot ROM, so no flash content leaves it unbootable.
+// neither erased nor zero, their sum within the area), the firmware area
+// holds a whole image (its first header length + boot size bytes written
+// without a gap by the latest session that wrote into the area) and the
+// image's version text parses; in every other case the bridge runs its
+// original firmware from its boot ROM, so no flash content leaves it
+// unbootable.
 BootChoice DecideBoot(const VirtualFlash& flash, const std::array<uint8_t, 4>& originalVersion);
 
 }  // namespace VideoConsoleCore::virtualdev

@@ -104,10 +104,32 @@ void VirtualHidBackend::Unplug(size_t device) {
     devices_.at(device)->present = false;
 }
 
-void VirtualHidBackend::Replug(size_t device) {
+void VirtualHidBackend::RestoreFactoryFlash(size_t device) {
     std::lock_guard lock(mutex_);
     Device& d = *devices_.at(device);
+    d.flash->WriteFactoryImage(d.config);
+}
+
+void VirtualHidBackend::Replug(size_t device) {
+    std::lock_guard lock(mutex_);
+    ReplugLocked(*devices_.at(device));
+}
+
+void VirtualHidBackend::NoteDataReport(Device& device, bool write) {
+    device.lastData = std::chrono::steady_clock::now();
+    if (write) device.flashWritten = true;
+}
+
+void VirtualHidBackend::ReplugIfDue(Device& device) {
+    const uint32_t after = device.config.replugAfterUpdateMs;
+    if (after == 0 || !device.flashWritten) return;
+    if (std::chrono::steady_clock::now() - device.lastData >= std::chrono::milliseconds(after))
+        ReplugLocked(device);
+}
+
+void VirtualHidBackend::ReplugLocked(Device& d) {
     d.present = true;
+    d.flashWritten = false;
     ++d.generation;
     d.transfers = 0;
     std::fill(std::begin(d.calls), std::end(d.calls), 0u);
@@ -134,6 +156,7 @@ VirtualHidBackend::Device* VirtualHidBackend::Use(hid::HidHandle handle, HidCall
     const auto it = open_.find(reinterpret_cast<uintptr_t>(handle));
     if (it == open_.end()) return nullptr;
     Device& device = *devices_[it->second.device];
+    ReplugIfDue(device);
     if (!device.present || device.generation != it->second.generation) return nullptr;
     if (call != HidCall::kNone && PlannedFailure(device, call)) return nullptr;
     if (open) *open = &it->second;
@@ -162,6 +185,7 @@ bool VirtualHidBackend::EnumerateUsbDevices(std::vector<hid::UsbDeviceInfo>& out
     std::lock_guard lock(mutex_);
     out.clear();
     for (auto& device : devices_) {
+        ReplugIfDue(*device);
         if (PlannedFailure(*device, HidCall::kEnumerateUsbDevices)) return false;
     }
     for (auto& device : devices_) {
@@ -180,6 +204,7 @@ bool VirtualHidBackend::EnumerateHidInterfaces(std::vector<std::string>& paths) 
     std::lock_guard lock(mutex_);
     paths.clear();
     for (auto& device : devices_) {
+        ReplugIfDue(*device);
         if (PlannedFailure(*device, HidCall::kEnumerateHidInterfaces)) return false;
     }
     for (auto& device : devices_) {
@@ -245,6 +270,8 @@ bool VirtualHidBackend::SetOutputReport(hid::HidHandle handle, void* buffer, uin
     Device* device = Use(handle, HidCall::kSetOutputReport);
     if (!device || !buffer) return false;
     const bool ok = device->bridge->OnOutputReport(static_cast<const uint8_t*>(buffer), length);
+    if (static_cast<const uint8_t*>(buffer)[0] == device->config.output[kDataReport].id)
+        NoteDataReport(*device, true);
     CountTransfer(*device);
     return ok;
 }
@@ -254,7 +281,9 @@ bool VirtualHidBackend::GetInputReport(hid::HidHandle handle, void* buffer, uint
     std::lock_guard lock(mutex_);
     Device* device = Use(handle, HidCall::kGetInputReport);
     if (!device || !buffer || length == 0) return false;
+    const bool isData = static_cast<const uint8_t*>(buffer)[0] == device->config.input[kDataReport].id;
     const bool ok = device->bridge->OnInputRequest(static_cast<uint8_t*>(buffer), length);
+    if (isData) NoteDataReport(*device, false);
     CountTransfer(*device);
     return ok;
 }

@@ -8,6 +8,7 @@
 // and Write are refused, as are feature reports.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -52,6 +53,9 @@ public:
     void Replug(size_t device);
     // Report transfers since the last (re)plug.
     uint32_t Transfers(size_t device) const;
+    // Puts the factory image back into the flash (the device as it left the
+    // factory at its next replug).
+    void RestoreFactoryFlash(size_t device);
 
     // ---- HidBackend ----------------------------------------------------
     bool EnumerateUsbDevices(std::vector<hid::UsbDeviceInfo>& devices) override;
@@ -97,6 +101,8 @@ private:
         uint32_t generation = 0;  // bumped by each replug
         uint32_t transfers = 0;
         uint32_t calls[16] = {};  // per HidCall, for the planned failure
+        bool flashWritten = false;  // a flash data report was written since the plug-in
+        std::chrono::steady_clock::time_point lastData{};  // the last flash data report
     };
     struct OpenHandle {
         size_t device;
@@ -109,6 +115,11 @@ private:
     Device* Use(hid::HidHandle handle, HidCall call, OpenHandle** open = nullptr);
     static bool PlannedFailure(Device& device, HidCall call);
     void CountTransfer(Device& device);
+    // Notes a flash data report, and re-plugs a device whose update has
+    // been quiet for ReplugAfterUpdateMs.
+    void NoteDataReport(Device& device, bool write);
+    void ReplugIfDue(Device& device);
+    void ReplugLocked(Device& device);
     void Wait(hid::HidHandle handle);
     bool String(hid::HidHandle handle, HidCall call, int which, void* buffer, uint32_t length);
 

@@ -236,20 +236,36 @@ TEST_F(BridgeTest, ReplugAfterACompleteWriteRunsTheNewFirmware) {
     // version text with the private area.
     ASSERT_TRUE(host_.FlashSetup(2, layout::kConfigBlock, 4));
     ASSERT_EQ(host_.BurstWrite({0, 0, 0, 0}), 1);
+    // A header that claims 0x200 + 0x20000 bytes, and only the first
+    // 0x20 of them written: marked bootable, yet not whole.
+    std::vector<uint8_t> firmware(0x20200, 0x5A);
+    firmware[0x0C] = firmware[0x0D] = firmware[0x0F] = 0;
+    firmware[0x0E] = 0x02;  // header length 0x200
+    firmware[0x10] = firmware[0x12] = firmware[0x13] = 0;
+    firmware[0x11] = 0x02;  // boot size 0x20000
     ASSERT_TRUE(host_.FlashSetup(0, layout::kFirmwareStart, 0x20));
-    std::vector<uint8_t> header(0x20, 0);
-    header[0x0E] = 0x02;  // header length 0x200
-    header[0x11] = 0x02;  // boot size 0x20000
-    ASSERT_EQ(host_.BurstWrite(header), 1);
+    ASSERT_EQ(host_.BurstWrite({firmware.begin(), firmware.begin() + 0x20}), 1);
     ASSERT_TRUE(host_.FlashSetup(3, layout::kPrivateStart, 16));
     ASSERT_EQ(host_.BurstWrite(VersionBlock("02.01.00.0a")), 1);
     ASSERT_TRUE(host_.FlashSetup(2, layout::kConfigBlock, 4));
     ASSERT_EQ(host_.BurstWrite({1, 0, 0, 0}), 1);
+    backend_->Replug(0);
+    EXPECT_FALSE(backend_->Bridge(0).RunningUpdatedFirmware());
+    EXPECT_TRUE(backend_->Bridge(0).FoundPartialFirmware());
+
+    // The whole firmware in one session.
+    Host whole(*backend_);
+    ASSERT_TRUE(whole.FlashSetup(0, layout::kFirmwareStart, 0x20200));
+    for (size_t at = 0; at < firmware.size(); at += 4096) {
+        const size_t n = std::min<size_t>(4096, firmware.size() - at);
+        ASSERT_EQ(whole.BurstWrite({firmware.begin() + long(at), firmware.begin() + long(at + n)}), 1);
+    }
 
     // Until the replug the old firmware runs on.
-    EXPECT_EQ(RunningVersionWord(host_, 0), backend_->Config(0).usbFwVersion[0]);
+    EXPECT_EQ(RunningVersionWord(whole, 0), backend_->Config(0).originalFwVersion[0]);
     backend_->Replug(0);
     Host after(*backend_);
+    EXPECT_FALSE(backend_->Bridge(0).FoundPartialFirmware());
     EXPECT_EQ(RunningVersionWord(after, 0), 2u);
     EXPECT_EQ(RunningVersionWord(after, 1), 1u);
     EXPECT_EQ(RunningVersionWord(after, 3), 0x0Au);

@@ -64,17 +64,17 @@ TEST_F(LibrarySession, FlashWriteReadVerifyRoundTrip) {
     std::vector<uint8_t> pattern(6000);
     for (size_t i = 0; i < pattern.size(); ++i) pattern[i] = static_cast<uint8_t>(i * 7 + 1);
     ASSERT_EQ(AccessFlashData(core, kFlashOpSetUp, 2, kAddress, 6000, nullptr), 1u);
-    ASSERT_EQ(BurstFlashAccess(core, kFlashOpWrite, 6000, pattern.data(), 0), 1u);
+    ASSERT_EQ(BurstFlashAccess(core, kFlashOpWrite, 6000, pattern.data(), pattern.size(), 0), 1u);
     ASSERT_EQ(AccessFlashData(core, kFlashOpSetUp, 2, kAddress, 6000, nullptr), 1u);
-    EXPECT_EQ(BurstFlashAccess(core, kFlashOpRead, 6000, pattern.data(), 0), 1u);
+    EXPECT_EQ(BurstFlashAccess(core, kFlashOpRead, 6000, pattern.data(), pattern.size(), 0), 1u);
 
     std::vector<uint8_t> back(6000, 0);
     ASSERT_EQ(AccessFlashData(core, kFlashOpSetUp, 3, kAddress, 6000, nullptr), 1u);
-    ASSERT_EQ(BurstFlashAccess(core, kFlashOpToMemory, 6000, back.data(), 0), 1u);
+    ASSERT_EQ(BurstFlashAccess(core, kFlashOpToMemory, 6000, back.data(), back.size(), 0), 1u);
     EXPECT_EQ(back, pattern);
 
     pattern[5000] ^= 0xFF;
     ASSERT_EQ(AccessFlashData(core, kFlashOpSetUp, 2, kAddress, 6000, nullptr), 1u);
-    EXPECT_EQ(BurstFlashAccess(core, kFlashOpRead, 6000, pattern.data(), 0), 0u);
+    EXPECT_EQ(BurstFlashAccess(core, kFlashOpRead, 6000, pattern.data(), pattern.size(), 0), 0u);
 }
 

@@ -1,0 +1,76 @@
+#include "firmware/update_common.h"
+
+#include <cstdio>
+
+#include "core/VideoConsoleCoreImp.h"
+#include "firmware/firmware_file.h"
+
+namespace VideoConsoleCore::firmware {
+
+bool ClaimUpdate(VideoConsoleCoreImp& core) {
+    uint32_t state = core.m_deviceState;
+    return state != kDeviceStateUpdating &&
+           core.m_deviceState.compare_exchange_strong(state, kDeviceStateUpdating);
+}
+
+uint64_t FileFingerprint() {
+    uint64_t hash = 14695981039346656037ull;
+    for (uint32_t i = 0; i < g_dwRead; ++i) {
+        hash ^= g_FileString[i];
+        hash *= 1099511628211ull;
+    }
+    return hash ^ (uint64_t{g_dwRead} << 32);
+}
+
+bool SameFileAsAccepted(const VideoConsoleCoreImp& core, FirmwareKind kind) {
+    if (g_FileString == nullptr) return false;
+    const uint64_t accepted =
+        kind == kFirmwareUsbHex ? core.m_usbFileFingerprint : core.m_mcuFileFingerprint;
+    return FileFingerprint() == accepted;
+}
+
+bool StartUpdateThread(VideoConsoleCoreImp& core, platform::ThreadEntry entry) {
+    JoinUpdateThread(core);
+    core.m_updateThread = platform::StartThread(entry, &core);
+    return core.m_updateThread != nullptr;
+}
+
+void JoinUpdateThread(VideoConsoleCoreImp& core) {
+    platform::JoinThread(core.m_updateThread);
+    core.m_updateThread = nullptr;
+}
+
+uint32_t EndUpdateThread(VideoConsoleCoreImp& core, const char* exit0, const char* exit1,
+                         const char* noExitCode) {
+    // From here on the caller may start the next update; it waits for this
+    // thread to end before it starts another one.
+    core.m_deviceState = kDeviceStateSelected;
+    core.DebugOut(exit0);
+    uint32_t code = 0;
+    if (!platform::CurrentThreadExitCode(code)) {
+        core.DebugOut(noExitCode);
+        return 1;
+    }
+    core.DebugOut(exit1);
+    return code;
+}
+
+void UpdateWait(VideoConsoleCoreImp& core, uint32_t milliseconds) {
+    const uint32_t divisor = core.m_updateWaitDivisor;
+    platform::SleepMilliseconds(divisor > 1 ? milliseconds / divisor : milliseconds);
+}
+
+void ProgressReporter::Report(uint32_t done, uint32_t total, const char* format) {
+    if (total == 0) return;
+    const float percent = static_cast<float>(done) / static_cast<float>(total) * 100.0f;
+    if (format != nullptr) {
+        char line[64];
+        std::snprintf(line, sizeof line, format, static_cast<double>(percent));
+        core_.LogInfo(line);
+    }
+    if (percent - last_ <= 1.0f) return;
+    last_ = percent;
+    core_.NotifyFwUpdateState(nullptr, nullptr, "Updating", message_, percent);
+}
+
+}  // namespace VideoConsoleCore::firmware

@@ -1,0 +1,59 @@
+// What the two updaters share: the claim on the device state, the check
+// that the file is still the one accepted, the writer thread, progress
+// records, and the waits the device needs.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/platform.h"
+
+namespace VideoConsoleCore {
+
+class VideoConsoleCoreImp;
+enum FirmwareKind : int;
+
+namespace firmware {
+
+// Sets the device state to 3 unless an update runs already (false then).
+// One compare-and-set, so two starts from two threads cannot both win.
+bool ClaimUpdate(VideoConsoleCoreImp& core);
+
+// A fingerprint of the file in g_FileString (its length and an FNV-1a hash
+// of its bytes), taken when a file is accepted and compared at the start.
+uint64_t FileFingerprint();
+// Whether the file just read again is the one that was accepted.
+bool SameFileAsAccepted(const VideoConsoleCoreImp& core, FirmwareKind kind);
+
+// Starts the update's worker with the core as its argument; a worker that
+// ran before is waited for first. False when no thread could be started.
+bool StartUpdateThread(VideoConsoleCoreImp& core, platform::ThreadEntry entry);
+// Waits until the update's worker has ended (nothing when none runs).
+void JoinUpdateThread(VideoConsoleCoreImp& core);
+// The worker's last steps: device state 2, then the exit texts and the exit
+// code.
+uint32_t EndUpdateThread(VideoConsoleCoreImp& core, const char* exit0, const char* exit1,
+                         const char* noExitCode);
+
+// A wait the device needs during an update, in milliseconds. Tests of many
+// interrupted updates may shorten every such wait (m_updateWaitDivisor);
+// the library itself never does.
+void UpdateWait(VideoConsoleCoreImp& core, uint32_t milliseconds);
+
+// Progress records of one phase: "Updating" with the phase's message and
+// the percentage, whenever it has grown by more than 1.0 since the last
+// record of the phase.
+class ProgressReporter {
+public:
+    ProgressReporter(VideoConsoleCoreImp& core, const char* message)
+        : core_(core), message_(message) {}
+    // `format`: also logs the percentage with it ("%.1f") when not null.
+    void Report(uint32_t done, uint32_t total, const char* format);
+
+private:
+    VideoConsoleCoreImp& core_;
+    const char* message_;
+    float last_ = 0.0f;
+};
+
+}  // namespace firmware
+}  // namespace VideoConsoleCore
