@@ -198,7 +198,10 @@ private:
 
         const uint32_t address = burstCase == kCaseWhole ? 0 : kAreas[kFirmwareArea].start;
         if (!FlashSetUp(burstCase, address, length)) return false;
-        if (!Burst(kFlashOpWrite, start, length)) return false;
+        if (!Burst(kFlashOpWrite, start, length)) {
+            core_.Report("FlashWrite -- Transfer to the flash failed.\n");
+            return false;
+        }
         core_.DebugOut(Printf("FlashWrite -- Transfer %d bytes to Firmware\n", length));
         if (!FlashSetUp(burstCase, address, length)) return false;
         if (!Burst(kFlashOpRead, start, length)) {

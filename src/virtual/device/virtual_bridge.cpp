@@ -185,7 +185,14 @@ void VirtualBridge::OnFlashData(const uint8_t* r) {
     const uint64_t at = uint64_t{windowStart_} + cursor_;
     if (at <= 0xFFFFFFFFu) {
         const auto fits = static_cast<uint32_t>(std::min<uint64_t>(n, 0x100000000ull - at));
-        flash_.Write(static_cast<uint32_t>(at), r + 4, fits);
+        const uint32_t bad = config_.faults.corruptFlashAt;
+        if (bad != 0 && bad >= at && bad < at + fits) {
+            std::vector<uint8_t> kept(r + 4, r + 4 + fits);
+            kept[bad - at] = static_cast<uint8_t>(~kept[bad - at]);
+            flash_.Write(static_cast<uint32_t>(at), kept.data(), fits);
+        } else {
+            flash_.Write(static_cast<uint32_t>(at), r + 4, fits);
+        }
     }
     cursor_ += n;
 }

@@ -50,6 +50,10 @@ struct FaultPlan {
     // together) the device is unplugged: open handles fail, enumeration no
     // longer lists it. 0 = never.
     uint32_t unplugAfterTransfers = 0;
+    // A flash cell that does not keep what is written: the byte at this
+    // address is stored with its bits inverted (a failing compare). 0 =
+    // every cell is sound.
+    uint32_t corruptFlashAt = 0;
     // How many value reports of each direction the report descriptor
     // carries (1..3); fewer than 3 leaves the later kinds out.
     int valueReports = 3;
