@@ -201,8 +201,11 @@ public:
     // The tool core's starts: no guards beyond a running update, no
     // callbacks (firmware/usb_update.cpp, firmware/mcu_update.cpp).
     bool StartUsbFwUpdateForToolCore();
-    // The preparation behind both USB starts, once the device state is 3.
+    bool StartMcuFwUpdateForToolCore();
+    // The preparation behind both starts of a kind, once the device state
+    // is 3.
     bool BeginUsbUpdate(bool toolCore);
+    bool BeginMcuUpdate(bool toolCore);
     bool SetGpioLed(uint8_t value);
     bool SetUpdateGpioLedLights(uint8_t phase, uint8_t value, uint16_t period);
     // The start-up scan: takes the first *.hex and *.bin of the working

@@ -147,9 +147,14 @@ uint8_t EnterMcuBootloader(VideoConsoleCoreImp& core) {
     bool inBootloader = false;
     for (int pass = 0; pass < kWorkModePasses; ++pass) {
         platform::SleepMilliseconds(kWorkModePauseMs);
-        uint8_t mode = 0xFF;
-        if (!ReadMcuRegister(core, mcu_reg::kWorkMode, &mode))
+        // While the microcontroller restarts into its bootloader it
+        // acknowledges nothing for a moment: a NACK here means "not there
+        // yet", and only a failed exchange with the bridge ends the entry.
+        uint8_t data[2] = {mcu_reg::kWorkMode, 0xFF};
+        if (!AccessIicData(core, kIicRead, core.m_mcuI2cAddress, 1, data, 1))
             return fail("read CMD_REG_R_BL_WorkMode fail!");
+        if (data[0] != 0) continue;
+        const uint8_t mode = data[1];
         if (mode == kWorkModeBootloader) {
             inBootloader = true;
             break;

@@ -5,8 +5,10 @@
 //
 // A refused file never replaces the accepted one: the path, version and
 // valid flag of an earlier accepted file of the same kind stay as they were.
+#include <algorithm>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "core/VideoConsoleCoreImp.h"
 #include "firmware/firmware_file.h"
@@ -129,9 +131,17 @@ Outcome CheckMcuFile(VideoConsoleCoreImp& core, const std::string& overwrite,
 bool ImageLongEnough(bool usb) {
     return g_dwRead >= (usb ? firmware::kUsbImageMinimumSize : firmware::kMcuImageMinimumSize);
 }
+// The file's version text; bytes the file does not reach read as 0.
 std::string ImageVersion(bool usb) {
-    return usb ? firmware::UsbImageVersionText(g_FileString)
-               : firmware::McuImageVersionText(g_FileString);
+    if (ImageLongEnough(usb)) {
+        return usb ? firmware::UsbImageVersionText(g_FileString)
+                   : firmware::McuImageVersionText(g_FileString);
+    }
+    std::vector<uint8_t> padded(usb ? firmware::kUsbImageMinimumSize
+                                    : firmware::kMcuImageMinimumSize, 0);
+    if (g_FileString != nullptr) std::copy(g_FileString, g_FileString + g_dwRead, padded.begin());
+    return usb ? firmware::UsbImageVersionText(padded.data())
+               : firmware::McuImageVersionText(padded.data());
 }
 
 }  // namespace
@@ -154,12 +164,16 @@ bool VideoConsoleCoreImp::SetFirmwareFile(const char* path, FirmwareKind kind) {
     }
 
     // A file too short to hold the fields the checks read is no image of
-    // this device, whatever FW_Overwrite says.
+    // this device; only force mode takes it, reading what it lacks as 0.
     Outcome outcome = Outcome::IdentityWrong;
     std::string version;
     const std::string overwrite = Setting("FW_Overwrite");
     if (!ImageLongEnough(usb)) {
         Report(texts.tooShort);
+        if (overwrite == "99") {
+            version = ImageVersion(usb);
+            outcome = Outcome::Forced;
+        }
     } else {
         version = ImageVersion(usb);
         if (overwrite == "99") {

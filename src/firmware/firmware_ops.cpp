@@ -1,5 +1,4 @@
-// The firmware operations that are not about files: the microcontroller
-// update start (until it is built) and the caller's light controls.
+// The caller's light controls.
 #include <string>
 
 #include "core/VideoConsoleCoreImp.h"
@@ -7,7 +6,6 @@
 
 namespace VideoConsoleCore {
 
-bool VideoConsoleCoreImp::StartMcuFwUpdate() { return RequireDevice() && false; }
 
 bool VideoConsoleCoreImp::SetGpioLed(uint8_t value) {
     if (!RequireDevice()) return false;

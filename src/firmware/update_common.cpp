@@ -45,7 +45,7 @@ uint32_t EndUpdateThread(VideoConsoleCoreImp& core, const char* exit0, const cha
     // From here on the caller may start the next update; it waits for this
     // thread to end before it starts another one.
     core.m_deviceState = kDeviceStateSelected;
-    core.DebugOut(exit0);
+    if (exit0 != nullptr) core.DebugOut(exit0);
     uint32_t code = 0;
     if (!platform::CurrentThreadExitCode(code)) {
         core.DebugOut(noExitCode);
@@ -67,6 +67,10 @@ void ProgressReporter::Report(uint32_t done, uint32_t total, const char* format)
         char line[64];
         std::snprintf(line, sizeof line, format, static_cast<double>(percent));
         core_.LogInfo(line);
+    }
+    if (last_ > 1000.0f) {
+        last_ = percent;
+        return;
     }
     if (percent - last_ <= 1.0f) return;
     last_ = percent;

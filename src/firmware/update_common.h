@@ -29,8 +29,8 @@ bool SameFileAsAccepted(const VideoConsoleCoreImp& core, FirmwareKind kind);
 bool StartUpdateThread(VideoConsoleCoreImp& core, platform::ThreadEntry entry);
 // Waits until the update's worker has ended (nothing when none runs).
 void JoinUpdateThread(VideoConsoleCoreImp& core);
-// The worker's last steps: device state 2, then the exit texts and the exit
-// code.
+// The worker's last steps: device state 2, then the exit texts (`exit0`
+// may be null) and the exit code.
 uint32_t EndUpdateThread(VideoConsoleCoreImp& core, const char* exit0, const char* exit1,
                          const char* noExitCode);
 
@@ -41,18 +41,21 @@ void UpdateWait(VideoConsoleCoreImp& core, uint32_t milliseconds);
 
 // Progress records of one phase: "Updating" with the phase's message and
 // the percentage, whenever it has grown by more than 1.0 since the last
-// record of the phase.
+// record of the phase. `firstSetsReference`: the phase's first value only
+// sets the reference (the microcontroller update's rule).
 class ProgressReporter {
 public:
-    ProgressReporter(VideoConsoleCoreImp& core, const char* message)
-        : core_(core), message_(message) {}
+    ProgressReporter(VideoConsoleCoreImp& core, const char* message,
+                     bool firstSetsReference = false)
+        : core_(core), message_(message), last_(firstSetsReference ? kUnset : 0.0f) {}
     // `format`: also logs the percentage with it ("%.1f") when not null.
     void Report(uint32_t done, uint32_t total, const char* format);
 
 private:
     VideoConsoleCoreImp& core_;
+    static constexpr float kUnset = 1001.0f;  // above any percentage
     const char* message_;
-    float last_ = 0.0f;
+    float last_;
 };
 
 }  // namespace firmware

@@ -13,6 +13,7 @@
 #include "support/test_support.h"
 #include "virtual/device/usb_image.h"
 #include "virtual/device/virtual_hid_backend.h"
+#include "virtual/mcu/mcu_image.h"
 
 namespace korvsdk_test {
 
@@ -63,11 +64,20 @@ public:
         return path;
     }
     // Sets the file and runs an update to its end; the start's result.
-    bool Update(const std::string& path) {
-        if (!core_.SetFirmwareFile(path.c_str(), VideoConsoleCore::kFirmwareUsbHex)) return false;
-        const bool started = core_.StartUsbFwUpdate();
+    bool Update(const std::string& path,
+                VideoConsoleCore::FirmwareKind kind = VideoConsoleCore::kFirmwareUsbHex) {
+        if (!core_.SetFirmwareFile(path.c_str(), kind)) return false;
+        const bool usb = kind == VideoConsoleCore::kFirmwareUsbHex;
+        const bool started = usb ? core_.StartUsbFwUpdate() : core_.StartMcuFwUpdate();
         VideoConsoleCore::firmware::JoinUpdateThread(core_);
         return started;
+    }
+    std::string WriteMcu(const VideoConsoleCore::virtualdev::McuImageOptions& options,
+                         const char* name = "m.bin") {
+        const std::string path = (folder_.path() / name).string();
+        EXPECT_TRUE(VideoConsoleCore::virtualdev::WriteMcuImageFile(
+            path, VideoConsoleCore::virtualdev::BuildMcuImage(options)));
+        return path;
     }
 
     korvsdk_test::TempFolder folder_;

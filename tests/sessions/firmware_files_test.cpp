@@ -251,7 +251,7 @@ INSTANTIATE_TEST_SUITE_P(Overwrite, FirmwareFiles, ::testing::ValuesIn(kModes),
 // Files that are no images: each is refused with its reason, and a file
 // accepted before stays the one an update would take.
 TEST_F(FirmwareFiles, FilesThatAreNoImages) {
-    ASSERT_NO_FATAL_FAILURE(Begin(std::string("99")));
+    ASSERT_NO_FATAL_FAILURE(Begin(std::string("0")));
     const std::string good = UsbImage("01.00.02.00.0000");
     ASSERT_EQ(KORVSDK_Set_USB_HexFile(good.c_str()), 1);
     const auto path = [&](const char* name) { return (folder_.path() / name).string(); };
@@ -312,7 +312,7 @@ TEST_F(FirmwareFiles, FilesThatAreNoImages) {
 // A file of 4 GiB and more counts by the low 32 bits of its size; nothing
 // past them is read, and no file stays open.
 TEST_F(FirmwareFiles, HugeFileCountsByItsLowSizeBits) {
-    ASSERT_NO_FATAL_FAILURE(Begin(std::string("99")));
+    ASSERT_NO_FATAL_FAILURE(Begin(std::string("0")));
     const std::string path = (folder_.path() / "huge.hex").string();
     const int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0644);
     ASSERT_GE(fd, 0);

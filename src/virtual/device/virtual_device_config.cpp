@@ -111,11 +111,13 @@ void ReadMcuKeys(const SettingsTable& settings, const std::string& p, VirtualDev
     SetFlag(settings, p + "HdmiSource", mcu.hdmiSourcePresent);
 
     McuTimings& t = mcu.timings;
+    t.restartNackMs = kDefaultRestartNackMs;
     const std::pair<const char*, uint32_t*> timings[] = {
         {"McuSaveMs", &t.saveMs},
         {"McuBridgeMs", &t.bridgeMs},
         {"McuBootJumpMs", &t.bootJumpMs},
         {"McuRestartMs", &t.restartMs},
+        {"McuRestartNackMs", &t.restartNackMs},
         {"McuErasePageMs", &t.eraseMsPerPage},
         {"McuBlankCheckPageMs", &t.blankCheckMsPerPage},
         {"McuProgramPageMs", &t.programPageMs},
@@ -274,6 +276,7 @@ VirtualDeviceConfig ReadVirtualDeviceConfig(const SettingsTable& settings, int n
     }
     SetFlag(settings, p + "IicNeverFinishes", config.faults.iicNeverFinishes);
     SetNumber(settings, p + "UnplugAfter", 10, 0, 0x7FFFFFFF, config.faults.unplugAfterTransfers);
+    SetNumber(settings, p + "CorruptFlashAt", 16, 0, 0x7FFFFFFF, config.faults.corruptFlashAt);
     SetNumber(settings, p + "ValueReports", 10, 1, 3, config.faults.valueReports);
 
     ReadMcuKeys(settings, p, config);

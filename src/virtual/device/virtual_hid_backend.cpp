@@ -178,7 +178,17 @@ void VirtualHidBackend::Wait(hid::HidHandle handle) {
         const auto it = open_.find(reinterpret_cast<uintptr_t>(handle));
         if (it != open_.end()) latency = devices_[it->second.device]->config.latencyMs;
     }
-    if (latency) std::this_thread::sleep_for(std::chrono::milliseconds(latency));
+    if (latency == 0) return;
+    // A transfer takes `latency` ms. A plain sleep wakes late (timer slack
+    // and wake-up, about 0.1 ms on Linux), which over thousands of transfers
+    // adds up, so the model sleeps until shortly before the deadline and
+    // spins the rest.
+    using Clock = std::chrono::steady_clock;
+    constexpr auto kSpin = std::chrono::microseconds(300);
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(latency);
+    std::this_thread::sleep_until(deadline - kSpin);
+    while (Clock::now() < deadline) {
+    }
 }
 
 bool VirtualHidBackend::EnumerateUsbDevices(std::vector<hid::UsbDeviceInfo>& out) {
@@ -272,6 +282,10 @@ bool VirtualHidBackend::SetOutputReport(hid::HidHandle handle, void* buffer, uin
     const bool ok = device->bridge->OnOutputReport(static_cast<const uint8_t*>(buffer), length);
     if (static_cast<const uint8_t*>(buffer)[0] == device->config.output[kDataReport].id)
         NoteDataReport(*device, true);
+    if (device->mcu->BootloaderCommands() != device->seenBootloaderCommands) {
+        device->seenBootloaderCommands = device->mcu->BootloaderCommands();
+        NoteDataReport(*device, true);
+    }
     CountTransfer(*device);
     return ok;
 }

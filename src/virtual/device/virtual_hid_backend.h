@@ -101,8 +101,11 @@ private:
         uint32_t generation = 0;  // bumped by each replug
         uint32_t transfers = 0;
         uint32_t calls[16] = {};  // per HidCall, for the planned failure
-        bool flashWritten = false;  // a flash data report was written since the plug-in
-        std::chrono::steady_clock::time_point lastData{};  // the last flash data report
+        // An update wrote something since the plug-in (a flash data report,
+        // a bootloader command), and when it last did.
+        bool flashWritten = false;
+        std::chrono::steady_clock::time_point lastData{};
+        uint64_t seenBootloaderCommands = 0;
     };
     struct OpenHandle {
         size_t device;
@@ -115,8 +118,8 @@ private:
     Device* Use(hid::HidHandle handle, HidCall call, OpenHandle** open = nullptr);
     static bool PlannedFailure(Device& device, HidCall call);
     void CountTransfer(Device& device);
-    // Notes a flash data report, and re-plugs a device whose update has
-    // been quiet for ReplugAfterUpdateMs.
+    // Notes a flash data report or bootloader command, and re-plugs a
+    // device whose update has been quiet for ReplugAfterUpdateMs.
     void NoteDataReport(Device& device, bool write);
     void ReplugIfDue(Device& device);
     void ReplugLocked(Device& device);

@@ -76,6 +76,7 @@ void VirtualMcu::AttachBusTarget(uint8_t bus, uint8_t address, I2cTarget* target
 // when one is in program memory and the application was asked for.
 void VirtualMcu::Start(McuMode target) {
     transition_ = Busy{};
+    startingUp_ = Busy{};
     save_ = Busy{};
     bridge_ = Busy{};
     blBusy_ = Busy{};
@@ -123,10 +124,12 @@ void VirtualMcu::FinishTransition() {
         // The bootloader found nothing to start: it says so in its status.
         if (mode_ == McuMode::Bootloader) blStatus_ = kBlStatusNoApplication;
     }
+    // The program that now runs starts up before it answers.
+    Arm(startingUp_, config_.timings.restartNackMs, false);
 }
 
 bool VirtualMcu::Nacked(const uint8_t* data, size_t count) const {
-    if (faults_.nackAll) return true;
+    if (faults_.nackAll || startingUp_.active) return true;
     const uint8_t reg = count > 0 ? data[0] : pointer_;
     return faults_.nackRegister && *faults_.nackRegister == reg;
 }
@@ -159,6 +162,8 @@ void VirtualMcu::Advance(uint32_t milliseconds) {
     if (Tick(bridge_, ms)) FinishBridge();
     ms = milliseconds;
     if (Tick(blBusy_, ms)) FinishBootloaderOp();
+    ms = milliseconds;
+    Tick(startingUp_, ms);
     for (auto& [place, target] : busTargets_) target->Advance(milliseconds);
 }
 
@@ -356,6 +361,7 @@ bool VirtualMcu::WriteBootloader(const uint8_t* data, size_t count) {
     }
     if (data[0] == kRegJumpBootloader) return count == 2 && data[1] == 0x01;  // already here
     if (data[0] != kBlCommand || count < kBlHeader || blBusy_.active) return false;
+    ++bootloaderCommands_;
     const uint8_t command = data[1];
     const uint32_t address = (uint32_t(data[3]) << 24) | (uint32_t(data[4]) << 16) |
                              (uint32_t(data[5]) << 8) | data[6];

@@ -25,11 +25,18 @@ struct McuTimings {
     uint32_t bridgeMs = 0;            // one transaction of the I2C master 0xCD
     uint32_t bootJumpMs = 0;          // application -> bootloader
     uint32_t restartMs = 0;           // bootloader -> application
+    // After a jump to the bootloader or a restart the microcontroller
+    // acknowledges nothing for this long while it starts up (a device made
+    // from setting.cfg takes kDefaultRestartNackMs).
+    uint32_t restartNackMs = 0;
     uint32_t eraseMsPerPage = 0;
     uint32_t blankCheckMsPerPage = 0;
     uint32_t programPageMs = 0;
     uint32_t verifyPageMs = 0;
 };
+
+// A few tens of milliseconds: how long a real Cortex-M0 takes to come up.
+inline constexpr uint32_t kDefaultRestartNackMs = 30;
 
 struct VirtualMcuConfig {
     uint8_t address = 0x1A;
@@ -168,6 +175,8 @@ public:
     };
     const std::vector<LedWrite>& LedTimeline() const { return ledTimeline_; }
     uint64_t ClockMs() const { return clockMs_; }
+    // Bootloader command frames taken since construction.
+    uint64_t BootloaderCommands() const { return bootloaderCommands_; }
     VirtualRgbLight* RgbLight() { return rgbLight_.get(); }
     // Program memory from address 0x1000 (kImageMaxSize bytes, 0xFF erased).
     const std::vector<uint8_t>& ProgramMemory() const { return program_; }
@@ -229,6 +238,7 @@ private:
     McuMode mode_ = McuMode::Application;
     McuMode transitionTarget_ = McuMode::Application;
     Busy transition_;
+    Busy startingUp_;  // NACKs everything while it runs
     uint8_t pointer_ = 0;
 
     // Application state.
@@ -237,6 +247,7 @@ private:
     bool hpMicPlugged_, lineInPlugged_, videoLocked_, hdmiSourcePresent_;
     uint8_t led_;
     std::vector<LedWrite> ledTimeline_;
+    uint64_t bootloaderCommands_ = 0;
     uint64_t clockMs_ = 0;
     uint8_t parameterSource_ = 0;
     std::optional<Audio> saved_;
