@@ -50,6 +50,9 @@ struct FaultPlan {
     // together) the device is unplugged: open handles fail, enumeration no
     // longer lists it. 0 = never.
     uint32_t unplugAfterTransfers = 0;
+    // The microcontroller alone loses its power after this many report
+    // transfers and starts again (the bridge stays). 0 = never.
+    uint32_t mcuPowerCutAfterTransfers = 0;
     // A flash cell that does not keep what is written: the byte at this
     // address is stored with its bits inverted (a failing compare). 0 =
     // every cell is sound.

@@ -169,6 +169,7 @@ void VirtualHidBackend::CountTransfer(Device& device) {
     ++device.transfers;
     const uint32_t limit = device.config.faults.unplugAfterTransfers;
     if (limit != 0 && device.transfers >= limit) device.present = false;
+    if (device.transfers == device.config.faults.mcuPowerCutAfterTransfers) device.mcu->PowerCycle();
 }
 
 void VirtualHidBackend::Wait(hid::HidHandle handle) {
