@@ -8,6 +8,8 @@
 // An interrupted programming leaves the microcontroller in its bootloader,
 // where a new update can always start again: the bootloader itself is never
 // written.
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
