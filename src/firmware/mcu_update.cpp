@@ -225,13 +225,7 @@ uint32_t RunMcuProgrammer(void* argument) {
 }  // namespace
 
 bool VideoConsoleCoreImp::BeginMcuUpdate(bool toolCore) {
-    const auto fail = [&](const char* text) {
-        m_deviceState = kDeviceStateSelected;
-        if (!toolCore) NotifyFwUpdateState(nullptr, nullptr, "UpdateFailed", nullptr);
-        DebugOut(text);
-        firmware::CloseFirmwareFile(*this);
-        return false;
-    };
+    const auto fail = [&](const char* text) { return firmware::FailStart(*this, toolCore, text); };
     firmware::EndFinishLights(*this);
     m_updateRunning = false;
     if (!toolCore) {
@@ -255,16 +249,7 @@ bool VideoConsoleCoreImp::BeginMcuUpdate(bool toolCore) {
 }
 
 bool VideoConsoleCoreImp::StartMcuFwUpdate() {
-    if (!RequireInitialized() || !RequireSelected()) return false;
-    if (m_mcuFileValid == 0) {
-        DebugOut("Please select the burn file !\n");
-        return false;
-    }
-    if (!firmware::ClaimUpdate(*this)) {
-        DebugOut("You are already updating!\n");
-        return false;
-    }
-    return BeginMcuUpdate(false);
+    return firmware::PassStartGuards(*this, m_mcuFileValid) && BeginMcuUpdate(false);
 }
 
 bool VideoConsoleCoreImp::StartMcuFwUpdateForToolCore() {

@@ -13,6 +13,27 @@ bool ClaimUpdate(VideoConsoleCoreImp& core) {
            core.m_deviceState.compare_exchange_strong(state, kDeviceStateUpdating);
 }
 
+bool PassStartGuards(VideoConsoleCoreImp& core, const std::atomic<uint8_t>& fileValid) {
+    if (!core.RequireInitialized() || !core.RequireSelected()) return false;
+    if (fileValid == 0) {
+        core.DebugOut("Please select the burn file !\n");
+        return false;
+    }
+    if (!ClaimUpdate(core)) {
+        core.DebugOut("You are already updating!\n");
+        return false;
+    }
+    return true;
+}
+
+bool FailStart(VideoConsoleCoreImp& core, bool toolCore, const char* text) {
+    core.m_deviceState = kDeviceStateSelected;
+    if (!toolCore) core.NotifyFwUpdateState(nullptr, nullptr, "UpdateFailed", nullptr);
+    core.DebugOut(text);
+    CloseFirmwareFile(core);
+    return false;
+}
+
 uint64_t FileFingerprint() {
     uint64_t hash = 14695981039346656037ull;
     for (uint32_t i = 0; i < g_dwRead; ++i) {

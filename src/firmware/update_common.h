@@ -3,6 +3,7 @@
 // records, and the waits the device needs.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "platform/platform.h"
@@ -17,6 +18,16 @@ namespace firmware {
 // Sets the device state to 3 unless an update runs already (false then).
 // One compare-and-set, so two starts from two threads cannot both win.
 bool ClaimUpdate(VideoConsoleCoreImp& core);
+
+// The guards of an exported start, in their order: initialised, selected,
+// an accepted file of the kind, no update running; the last claims the
+// device state. False, with the guard's message, when the start is refused.
+bool PassStartGuards(VideoConsoleCoreImp& core, const std::atomic<uint8_t>& fileValid);
+
+// A start that fails before its worker runs: state 2 again, the file
+// closed, "UpdateFailed" to the callback (not for the tool core), the text
+// to the debugger output. Returns false.
+bool FailStart(VideoConsoleCoreImp& core, bool toolCore, const char* text);
 
 // A fingerprint of the file in g_FileString (its length and an FNV-1a hash
 // of its bytes), taken when a file is accepted and compared at the start.

@@ -315,13 +315,7 @@ uint32_t RunUsbWriter(void* argument) {
 // state is 3 already. `toolCore`: no log line, no callbacks, the RGB phase
 // for every model.
 bool VideoConsoleCoreImp::BeginUsbUpdate(bool toolCore) {
-    const auto fail = [&](const char* text) {
-        m_deviceState = kDeviceStateSelected;
-        if (!toolCore) NotifyFwUpdateState(nullptr, nullptr, "UpdateFailed", nullptr);
-        DebugOut(text);
-        firmware::CloseFirmwareFile(*this);
-        return false;
-    };
+    const auto fail = [&](const char* text) { return firmware::FailStart(*this, toolCore, text); };
     platform::IsExistingFile(m_usbFilePath.empty() ? std::string("*.hex") : m_usbFilePath);
     firmware::EndFinishLights(*this);
     m_updateRunning = false;
@@ -353,16 +347,7 @@ bool VideoConsoleCoreImp::BeginUsbUpdate(bool toolCore) {
 }
 
 bool VideoConsoleCoreImp::StartUsbFwUpdate() {
-    if (!RequireInitialized() || !RequireSelected()) return false;
-    if (m_usbFileValid == 0) {
-        DebugOut("Please select the burn file !\n");
-        return false;
-    }
-    if (!firmware::ClaimUpdate(*this)) {
-        DebugOut("You are already updating!\n");
-        return false;
-    }
-    return BeginUsbUpdate(false);
+    return firmware::PassStartGuards(*this, m_usbFileValid) && BeginUsbUpdate(false);
 }
 
 bool VideoConsoleCoreImp::StartUsbFwUpdateForToolCore() {
