@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "core/VideoConsoleCoreImp.h"
+#include "discovery/device_list.h"
 #include "firmware/lights.h"
 #include "support/test_support.h"
 
@@ -29,6 +30,7 @@ int main() {
     g_VC_Core.m_updateFinished = true;
     firmware::StartFinishLights(g_VC_Core, true);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    FreeDeviceEntries(list, count);
     std::printf("exiting with the finish lights on\n");
-    return 0;  // the list is left for the process's end, as a careless caller would
+    return 0;
 }
