@@ -90,6 +90,7 @@ TEST_P(McuSweep, EveryCutLeavesABoardThatTakesANewUpdate) {
     };
     for (const uint32_t k : cuts) {
         SCOPED_TRACE("cut after transfer " + std::to_string(k) + " of " + std::to_string(total));
+        korvsdk_test::MessageLog::Clear();
         ASSERT_TRUE(rig.core_.SetFirmwareFile(path.c_str(), kFirmwareMcuBin));
         rig.Device().Faults(0).unplugAfterTransfers = rig.Device().Transfers(0) + k;
         g_states.clear();

@@ -67,6 +67,7 @@ TEST_P(UsbSweep, EveryCutLeavesADeviceThatBootsAndUpdates) {
     int failed = 0, completed = 0, original = 0, updated = 0, partial = 0;
     for (uint32_t k = 1; k <= total; k = (k + stride <= total || k == total) ? k + stride : total) {
         SCOPED_TRACE("cut after transfer " + std::to_string(k) + " of " + std::to_string(total));
+        korvsdk_test::MessageLog::Clear();
         rig.Device().RestoreFactoryFlash(0);
         rig.Device().Replug(0);
         ASSERT_TRUE(rig.Reselect());

@@ -1,5 +1,7 @@
 #include "support/test_support.h"
 
+#include <mutex>
+
 #include <atomic>
 #include <chrono>
 #include <fstream>
@@ -62,7 +64,23 @@ std::vector<fs::path> FilesStartingWith(const fs::path& folder, const std::strin
     return found;
 }
 
-void MessageLog::Collect(const char* text) { Texts().emplace_back(text != nullptr ? text : ""); }
+// The library calls the handler from its worker and light threads too.
+namespace {
+std::mutex& LogMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+}  // namespace
+
+void MessageLog::Collect(const char* text) {
+    std::lock_guard lock(LogMutex());
+    Texts().emplace_back(text != nullptr ? text : "");
+}
+
+void MessageLog::Clear() {
+    std::lock_guard lock(LogMutex());
+    Texts().clear();
+}
 
 std::vector<std::string>& MessageLog::Texts() {
     static std::vector<std::string> texts;
@@ -70,12 +88,14 @@ std::vector<std::string>& MessageLog::Texts() {
 }
 
 std::string MessageLog::All() {
+    std::lock_guard lock(LogMutex());
     std::string joined;
     for (const std::string& text : Texts()) joined += text;
     return joined;
 }
 
 int MessageLog::Count(const std::string& text) {
+    std::lock_guard lock(LogMutex());
     int count = 0;
     for (const std::string& collected : Texts()) count += collected == text ? 1 : 0;
     return count;

@@ -54,7 +54,7 @@ bool DebuggerChannelIsStderr();
 struct MessageLog {
     static void Collect(const char* text);
     static std::vector<std::string>& Texts();
-    static void Clear() { Texts().clear(); }
+    static void Clear();
     // All collected texts joined.
     static std::string All();
     // How many collected texts equal `text` exactly.
