@@ -1,6 +1,7 @@
 #include "firmware/update_common.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include "core/VideoConsoleCoreImp.h"
 #include "firmware/firmware_file.h"
@@ -35,12 +36,26 @@ bool FailStart(VideoConsoleCoreImp& core, bool toolCore, const char* text) {
 }
 
 uint64_t FileFingerprint() {
-    uint64_t hash = 14695981039346656037ull;
-    for (uint32_t i = 0; i < g_dwRead; ++i) {
-        hash ^= g_FileString[i];
-        hash *= 1099511628211ull;
+    // Four independent lanes over 64-bit words (multiply and rotate), the
+    // tail byte by byte: about a millisecond for an 8 MiB image. It tells a
+    // changed file from the accepted one; it is no cryptographic hash.
+    constexpr uint64_t kPrime = 0x9E3779B97F4A7C15ull;
+    uint64_t lanes[4] = {1, 2, 3, 4};
+    const uint8_t* bytes = g_FileString;
+    const size_t length = g_dwRead;
+    size_t at = 0;
+    for (; bytes != nullptr && at + 32 <= length; at += 32) {
+        for (int lane = 0; lane < 4; ++lane) {
+            uint64_t word;
+            std::memcpy(&word, bytes + at + 8 * lane, sizeof word);
+            const uint64_t mixed = (lanes[lane] ^ word) * kPrime;
+            lanes[lane] = (mixed << 31) | (mixed >> 33);
+        }
     }
-    return hash ^ (uint64_t{g_dwRead} << 32);
+    uint64_t hash = 14695981039346656037ull;
+    for (; bytes != nullptr && at < length; ++at) hash = (hash ^ bytes[at]) * 1099511628211ull;
+    for (const uint64_t lane : lanes) hash = (hash ^ lane) * kPrime;
+    return hash ^ (uint64_t{length} << 32);
 }
 
 bool SameFileAsAccepted(const VideoConsoleCoreImp& core, FirmwareKind kind) {

@@ -11,10 +11,10 @@ VirtualFlash::VirtualFlash(const FlashGeometry& geometry)
       sectorSize_(geometry.sectorSize) {}
 
 void VirtualFlash::Read(uint32_t address, uint8_t* out, uint32_t count) const {
-    for (uint32_t i = 0; i < count; ++i) {
-        const uint64_t at = uint64_t{address} + i;
-        out[i] = at < bytes_.size() ? bytes_[static_cast<size_t>(at)] : 0xFF;
-    }
+    const uint64_t inside =
+        address < bytes_.size() ? std::min<uint64_t>(count, bytes_.size() - address) : 0;
+    if (inside > 0) std::memcpy(out, bytes_.data() + address, static_cast<size_t>(inside));
+    std::fill(out + inside, out + count, uint8_t{0xFF});
 }
 
 void VirtualFlash::Write(uint32_t address, const uint8_t* data, uint32_t count) {

@@ -1,0 +1,326 @@
+// Benchmark of the USB firmware update on the virtual capture device.
+//
+//   korvsdk_bench [--reps N]
+//
+// Runs each case several times, every run in a process of its own (the
+// library keeps process-wide state, and a peak-RSS reading is only clean in
+// a fresh process), and prints per case the run with the median wall time:
+//
+//   bench case=NAME latency_ms=L transfers=N wall_ms=W floor_ms=F ratio=R
+//
+// and, for L = 0, a second line with the host cost of a data report, a
+// plain memcpy of the same size, the peak RSS rise and the image size:
+//
+//   bench case=NAME host_us_per_data_report=H memcpy_us_per_report=M peak_rss_rise_mib=P image_mib=I
+//
+// N  report transfers of the update, as the virtual device counted them.
+// W  wall time from the start call to the end of the writer thread.
+// F  what the update cannot go below: N x L plus the waits the updater
+//    keeps for the device (kDeviceWaitsMs).
+// H  the time spent inside the two burst phases (write, compare), divided
+//    by the data reports they sent. A phase is timed between two debugger
+//    texts the library writes on the writer thread: "USB firmware is
+//    updating.." (before the first data report) to "FlashWrite -- Transfer
+//    ... bytes" (after the last), and "USB firmware is verify.." to
+//    "FlashWrite -- Compare data OK.". It covers everything done per report:
+//    the library's buffers and HID layer, the virtual device's side, the
+//    activity light and the progress records. (In the firmware-area case the
+//    compare phase also holds the 4 KiB write of the boot configuration
+//    word, two data reports and four command reports more.)
+// M  a plain 4 KiB memcpy, streaming through an image-sized buffer as the
+//    updater does, for comparison.
+// P  the peak RSS rise from just before the start call to the end of the
+//    writer: the peak mark is reset first (/proc/self/clear_refs), then
+//    VmHWM after the run minus VmRSS before it (after malloc_trim, so that
+//    memory freed before the start does not hide what the update takes).
+#include <malloc.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/VideoConsoleCoreImp.h"
+#include "discovery/device_list.h"
+#include "firmware/lights.h"
+#include "firmware/update_common.h"
+#include "virtual/device/usb_image.h"
+#include "virtual/device/virtual_hid_backend.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+namespace vc = VideoConsoleCore;
+namespace vd = VideoConsoleCore::virtualdev;
+
+// The waits the updater keeps for the device on a board without an RGB
+// light: 4 ms after the flash identification (hid/flash_identification.cpp),
+// 86 ms and 46 ms at the end of the writer (firmware/usb_update.cpp).
+constexpr double kDeviceWaitsMs = 4 + 86 + 46;
+
+constexpr uint32_t kReportBytes = 4096;  // data chunk of the default device
+
+double MsSince(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double, std::milli>(to - from).count();
+}
+
+// ---- One run (child process) -------------------------------------------
+
+// Timestamps of the burst phases, taken from the library's debugger texts
+// on the writer thread. Only plain stores: the handler runs on that thread
+// while the main thread waits in the join.
+struct PhaseMarks {
+    Clock::time_point writeStart, writeEnd, verifyStart, verifyEnd;
+    uint32_t writtenBytes = 0;
+    int seen = 0;  // bit per mark
+};
+PhaseMarks g_marks;
+std::atomic<bool> g_completed{false};
+
+bool StartsWith(const char* text, const char* prefix) {
+    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+void OnDebugText(const char* text) {
+    const Clock::time_point now = Clock::now();
+    if (std::strcmp(text, "USB firmware is updating..\n") == 0) {
+        g_marks.writeStart = now;
+        g_marks.seen |= 1;
+    } else if (StartsWith(text, "FlashWrite -- Transfer ")) {
+        g_marks.writeEnd = now;
+        g_marks.writtenBytes = static_cast<uint32_t>(std::strtoul(text + 23, nullptr, 10));
+        g_marks.seen |= 2;
+    } else if (std::strcmp(text, "USB firmware is verify..\n") == 0) {
+        g_marks.verifyStart = now;
+        g_marks.seen |= 4;
+    } else if (std::strcmp(text, "FlashWrite -- Compare data OK.\n") == 0) {
+        g_marks.verifyEnd = now;
+        g_marks.seen |= 8;
+    }
+}
+
+void OnFwState(DevFwUpdateStateInfo* info) {
+    if (info->state != nullptr && std::strcmp(info->state, "UpdateCompleted") == 0)
+        g_completed = true;
+}
+
+// A "Key:   value kB" line of /proc/self/status, in KiB; -1 when missing.
+long StatusKib(const char* key) {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    const size_t n = std::strlen(key);
+    while (std::getline(status, line))
+        if (line.compare(0, n, key) == 0 && line.size() > n && line[n] == ':')
+            return std::strtol(line.c_str() + n + 1, nullptr, 10);
+    return -1;
+}
+
+bool ResetPeakRss() {
+    std::ofstream clear("/proc/self/clear_refs");
+    clear << "5";
+    clear.flush();
+    return static_cast<bool>(clear);
+}
+
+int Fail(const char* what) {
+    std::fprintf(stderr, "bench: %s\n", what);
+    return 1;
+}
+
+// One update: prints "run transfers=.. wall_ms=.. burst_ms=.. data_reports=..
+// rss_rise_kib=.. image_bytes=..".
+int RunOne(bool firmwareArea, uint32_t latencyMs) {
+    char folder[] = "/tmp/korvsdk-bench-XXXXXX";
+    if (mkdtemp(folder) == nullptr || chdir(folder) != 0) return Fail("no scratch folder");
+    {
+        std::ofstream cfg("setting.cfg");
+        cfg << "EnableLocalLogging=0\nDeviceBackend=virtual\nDevIDNum=1\n"
+               "DevDrvID0=USB\\VID_FFF0&PID_0C01\nFW_Overwrite=99\n"
+            << "Virtual0_LatencyMs=" << latencyMs << "\n"
+            << (firmwareArea ? "USB_Burn_Area=1\n" : "");
+    }
+    // The image lives beside the folder, not in it: the start-up scan
+    // would otherwise take it before the checks.
+    const std::string image = std::string(folder) + ".hex";
+
+    auto core = std::make_unique<vc::VideoConsoleCoreImp>();
+    core->SetDebugOutputHandler(OnDebugText);
+    DeviceEntry* list = nullptr;
+    uint16_t count = 0;
+    if (!core->Initialize("setting.cfg")) return Fail("initialisation failed");
+    if (!core->ScanDeviceList(&list, &count) || count < 1) return Fail("no virtual device");
+    if (!core->SelectDevice(&list[0])) return Fail("selection failed");
+    if (vc::firmware::HasRgbLight(core->m_deviceModel))
+        return Fail("the device model has an RGB light: its waits are not in the floor");
+    auto* device = static_cast<vd::VirtualHidBackend*>(core->Hid());
+
+    uint32_t imageBytes = 0;
+    {
+        vd::UsbImageOptions options;
+        options.versionText = "01.00.02.00.0000";
+        const std::vector<uint8_t> bytes = vd::BuildUsbImage(options);
+        imageBytes = static_cast<uint32_t>(bytes.size());
+        if (!vd::WriteUsbImageFile(image, bytes)) return Fail("cannot write the image");
+    }
+    if (!core->SetFirmwareFile(image.c_str(), vc::kFirmwareUsbHex))
+        return Fail("the image was refused");
+    core->OpenFwUpdateStateCallback(OnFwState);
+
+    // Memory freed before the start (the image built above, the file the
+    // check read) goes back to the system first, so that the rise counts
+    // what the update itself holds and not what the allocator kept.
+    malloc_trim(0);
+    const bool peakReset = ResetPeakRss();
+    const long rssBefore = StatusKib("VmRSS");
+    const uint32_t transfersBefore = device->Transfers(0);
+    const Clock::time_point start = Clock::now();
+    if (!core->StartUsbFwUpdate()) return Fail("the update did not start");
+    vc::firmware::JoinUpdateThread(*core);
+    const Clock::time_point end = Clock::now();
+    const uint32_t transfers = device->Transfers(0) - transfersBefore;
+    const long peak = StatusKib("VmHWM");
+
+    std::remove(image.c_str());
+    std::remove("setting.cfg");
+    rmdir(folder);
+    if (!g_completed) return Fail("the update failed");
+    if (g_marks.seen != 15 || g_marks.writtenBytes == 0) return Fail("burst phases not seen");
+
+    const double burstMs = MsSince(g_marks.writeStart, g_marks.writeEnd) +
+                           MsSince(g_marks.verifyStart, g_marks.verifyEnd);
+    const uint32_t dataReports = 2 * ((g_marks.writtenBytes + kReportBytes - 1) / kReportBytes);
+    std::printf("run transfers=%u wall_ms=%.4f burst_ms=%.4f data_reports=%u rss_rise_kib=%ld "
+                "image_bytes=%u\n",
+                transfers, MsSince(start, end), burstMs, dataReports,
+                peakReset && rssBefore >= 0 && peak >= 0 ? peak - rssBefore : -1, imageBytes);
+    vc::FreeDeviceEntries(list, count);
+    return 0;
+}
+
+// ---- The driver (parent process) ---------------------------------------
+
+struct Run {
+    uint32_t transfers = 0;
+    double wallMs = 0, burstMs = 0;
+    uint32_t dataReports = 0;
+    long rssRiseKib = -1;
+    uint32_t imageBytes = 0;
+};
+
+bool Spawn(const std::string& self, const char* area, uint32_t latency, Run& run) {
+    const std::string command =
+        "'" + self + "' --run " + area + " " + std::to_string(latency);
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return false;
+    char line[512] = {};
+    bool parsed = false;
+    while (std::fgets(line, sizeof line, pipe) != nullptr) {
+        parsed = std::sscanf(line,
+                             "run transfers=%u wall_ms=%lf burst_ms=%lf data_reports=%u "
+                             "rss_rise_kib=%ld image_bytes=%u",
+                             &run.transfers, &run.wallMs, &run.burstMs, &run.dataReports,
+                             &run.rssRiseKib, &run.imageBytes) == 6;
+    }
+    return pclose(pipe) == 0 && parsed;
+}
+
+template <typename T>
+T Median(std::vector<T> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+// A 4 KiB memcpy, streaming through `bytes` of source: microseconds each,
+// the median of several passes.
+double MemcpyMicroseconds(size_t bytes) {
+    std::vector<uint8_t> source(bytes);
+    for (size_t i = 0; i < bytes; ++i) source[i] = static_cast<uint8_t>(i * 131 + 7);
+    std::vector<uint8_t> target(kReportBytes);
+    std::vector<double> passes;
+    const size_t chunks = bytes / kReportBytes;
+    for (int pass = 0; pass < 21; ++pass) {
+        const Clock::time_point start = Clock::now();
+        for (size_t c = 0; c < chunks; ++c) {
+            std::memcpy(target.data(), source.data() + c * kReportBytes, kReportBytes);
+            asm volatile("" : : "r"(target.data()) : "memory");  // keep every copy
+        }
+        passes.push_back(MsSince(start, Clock::now()) * 1000.0 / static_cast<double>(chunks));
+    }
+    return Median(passes);
+}
+
+int Drive(const std::string& self, int reps) {
+    struct Case {
+        const char* name;
+        const char* area;
+    };
+    const Case cases[] = {{"usb_whole", "whole"}, {"usb_firmware_area", "firmware"}};
+    double memcpyUs = -1;
+    int failures = 0;
+    for (const Case& c : cases) {
+        for (const uint32_t latency : {0u, 1u}) {
+            std::vector<Run> runs;
+            for (int i = 0; i < reps; ++i) {
+                Run run;
+                if (!Spawn(self, c.area, latency, run)) {
+                    std::fprintf(stderr, "bench: case %s latency %u: a run failed\n", c.name,
+                                 latency);
+                    ++failures;
+                    break;
+                }
+                runs.push_back(run);
+            }
+            if (runs.empty()) continue;
+            // The run with the median wall time gives the first line.
+            std::sort(runs.begin(), runs.end(),
+                      [](const Run& a, const Run& b) { return a.wallMs < b.wallMs; });
+            const Run& mid = runs[runs.size() / 2];
+            const double floorMs = mid.transfers * static_cast<double>(latency) + kDeviceWaitsMs;
+            std::printf("bench case=%s latency_ms=%u transfers=%u wall_ms=%.2f floor_ms=%.2f "
+                        "ratio=%.4f\n",
+                        c.name, latency, mid.transfers, mid.wallMs, floorMs,
+                        mid.wallMs / floorMs);
+            if (latency != 0) continue;
+            // Host cost: median over the runs; peak RSS rise: the largest.
+            std::vector<double> perReport;
+            long rise = -1;  // stays -1 when the peak could not be read
+            for (const Run& r : runs) {
+                perReport.push_back(r.burstMs * 1000.0 / r.dataReports);
+                rise = std::max(rise, r.rssRiseKib);
+            }
+            if (memcpyUs < 0) memcpyUs = MemcpyMicroseconds(mid.imageBytes);
+            std::printf("bench case=%s host_us_per_data_report=%.2f memcpy_us_per_report=%.3f "
+                        "peak_rss_rise_mib=%.2f image_mib=%.2f\n",
+                        c.name, Median(perReport), memcpyUs, rise < 0 ? -1.0 : rise / 1024.0,
+                        mid.imageBytes / (1024.0 * 1024.0));
+            std::fflush(stdout);
+        }
+    }
+    return failures == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 4 && std::strcmp(argv[1], "--run") == 0) {
+        const bool firmwareArea = std::strcmp(argv[2], "firmware") == 0;
+        return RunOne(firmwareArea, static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10)));
+    }
+    int reps = 5;
+    if (argc == 3 && std::strcmp(argv[1], "--reps") == 0) reps = std::max(1, std::atoi(argv[2]));
+    else if (argc != 1) {
+        std::fprintf(stderr, "usage: %s [--reps N]\n", argv[0]);
+        return 2;
+    }
+    char self[4096] = {};
+    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0) return Fail("cannot find the program's own path");
+    return Drive(std::string(self, static_cast<size_t>(n)), reps);
+}
