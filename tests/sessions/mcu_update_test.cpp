@@ -10,6 +10,7 @@
 
 #include "KORVSDKDeviceTool.h"
 #include "sessions/session_harness.h"
+#include "sessions/update_session.h"
 #include "support/test_support.h"
 #include "virtual/mcu/mcu_image.h"
 
@@ -29,21 +30,7 @@ std::string Take(char* text) {
     return copy;
 }
 
-class McuUpdate : public ::testing::TestWithParam<size_t> {
-protected:
-    McuUpdate() : cwd_(folder_.path()) {}
-    void TearDown() override { KORVSDK_Free_DeviceList(&list_, &count_); }
-    void ScanAndSelect() {
-        KORVSDK_Free_DeviceList(&list_, &count_);
-        ASSERT_EQ(KORVSDK_Scan_DeviceList(&list_, &count_), 1);
-        ASSERT_EQ(count_, 1);
-        ASSERT_EQ(KORVSDK_Select_Device(&list_[0]), 1);
-    }
-    korvsdk_test::TempFolder folder_;
-    korvsdk_test::WorkingFolder cwd_;
-    DeviceEntry* list_ = nullptr;
-    uint16_t count_ = 0;
-};
+using McuUpdate = korvsdk_test::UpdateSession<size_t>;
 
 }  // namespace
 

@@ -11,6 +11,7 @@
 
 #include "KORVSDKDeviceTool.h"
 #include "sessions/session_harness.h"
+#include "sessions/update_session.h"
 #include "support/test_support.h"
 #include "virtual/device/usb_image.h"
 
@@ -59,24 +60,7 @@ void ExpectPhase(const std::string& message) {
     EXPECT_GT(steps.back(), 98.0f);  // a last step of 1.0 or less is not reported
 }
 
-class UsbUpdate : public ::testing::TestWithParam<bool> {
-protected:
-    UsbUpdate() : cwd_(folder_.path()) {}
-    void TearDown() override {
-        KORVSDK_Free_DeviceList(&list_, &count_);
-        KORVSDK_Set_Debug_Output_Handler(nullptr);
-    }
-    void ScanAndSelect() {
-        KORVSDK_Free_DeviceList(&list_, &count_);
-        ASSERT_EQ(KORVSDK_Scan_DeviceList(&list_, &count_), 1);
-        ASSERT_EQ(count_, 1);
-        ASSERT_EQ(KORVSDK_Select_Device(&list_[0]), 1);
-    }
-    korvsdk_test::TempFolder folder_;
-    korvsdk_test::WorkingFolder cwd_;
-    DeviceEntry* list_ = nullptr;
-    uint16_t count_ = 0;
-};
+using UsbUpdate = korvsdk_test::UpdateSession<bool>;
 
 }  // namespace
 
