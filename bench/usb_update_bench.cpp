@@ -29,10 +29,11 @@
 //    word, two data reports and four command reports more.)
 // M  a plain 4 KiB memcpy, streaming through an image-sized buffer as the
 //    updater does, for comparison.
-// P  the peak RSS rise from just before the start call to the end of the
-//    writer: the peak mark is reset first (/proc/self/clear_refs), then
-//    VmHWM after the run minus VmRSS before it (after malloc_trim, so that
-//    memory freed before the start does not hide what the update takes).
+// P  the peak RSS rise from just before the file is set (the set reads it
+//    into the buffer the update re-reads it into) to the end of the writer:
+//    the peak mark is reset first (/proc/self/clear_refs), then VmHWM after
+//    the run minus VmRSS before it (after malloc_trim, so that memory freed
+//    earlier does not hide what the update takes).
 #include <malloc.h>
 #include <unistd.h>
 
@@ -169,16 +170,18 @@ int RunOne(bool firmwareArea, uint32_t latencyMs) {
         imageBytes = static_cast<uint32_t>(bytes.size());
         if (!vd::WriteUsbImageFile(image, bytes)) return Fail("cannot write the image");
     }
+    // Memory freed before the file is set (the image built above) goes back
+    // to the system first, so that the rise counts what setting the file
+    // and the update hold and not what the allocator kept. The rise starts
+    // at the set: the buffer the file is read into stays from there to the
+    // update's end.
+    malloc_trim(0);
+    const bool peakReset = ResetPeakRss();
+    const long rssBefore = StatusKib("VmRSS");
     if (!core->SetFirmwareFile(image.c_str(), vc::kFirmwareUsbHex))
         return Fail("the image was refused");
     core->OpenFwUpdateStateCallback(OnFwState);
 
-    // Memory freed before the start (the image built above, the file the
-    // check read) goes back to the system first, so that the rise counts
-    // what the update itself holds and not what the allocator kept.
-    malloc_trim(0);
-    const bool peakReset = ResetPeakRss();
-    const long rssBefore = StatusKib("VmRSS");
     const uint32_t transfersBefore = device->Transfers(0);
     const Clock::time_point start = Clock::now();
     if (!core->StartUsbFwUpdate()) return Fail("the update did not start");

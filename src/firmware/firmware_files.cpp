@@ -195,7 +195,13 @@ bool VideoConsoleCoreImp::SetFirmwareFile(const char* path, FirmwareKind kind) {
     Report(Message(outcome, texts.name, version));
     NotifyFwUpdateState(usb ? record.c_str() : nullptr, usb ? nullptr : record.c_str(), nullptr,
                         nullptr);
-    firmware::CloseFirmwareFile(*this);
+    // An accepted file is read again when its update starts: its buffer
+    // stays for that.
+    if (accepted) {
+        firmware::CloseFirmwareFileKeepingBuffer(*this);
+    } else {
+        firmware::CloseFirmwareFile(*this);
+    }
 
     // A USB image of this device answers true even when its version is
     // refused (nothing is armed then); the MCU answer is the acceptance.

@@ -4,10 +4,15 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <pwd.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -24,11 +29,35 @@ void WriteDebuggerOutput(std::string_view utf8Text) {
     std::fflush(stderr);
 }
 
+namespace {
+
+int64_t MonotonicNanoseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+}  // namespace
+
 void SleepMilliseconds(uint32_t milliseconds) {
-    timespec remaining{static_cast<time_t>(milliseconds / 1000),
-                       static_cast<long>(milliseconds % 1000) * 1000000L};
-    // A signal may cut the sleep short; carry on with what is left.
-    while (nanosleep(&remaining, &remaining) == -1 && errno == EINTR) {
+    // The kernel wakes a sleeper late: the thread's timer slack (50 us by
+    // default; the library's own threads ask for none, see StartThread) plus
+    // the scheduler's wake-up, a few tens of microseconds on bare metal and
+    // often several hundred in a virtual machine. Over the thousands of 1 ms
+    // and 10 ms waits of a firmware update that adds up to seconds, so the
+    // wait sleeps to an absolute deadline just short of the end and spins
+    // the rest.
+    constexpr int64_t kSpinTailNs = 300000;
+    const int64_t deadline = MonotonicNanoseconds() + int64_t{milliseconds} * 1000000;
+    if (milliseconds > 0) {
+        const int64_t wakeAt = deadline - kSpinTailNs;
+        const timespec wake{static_cast<time_t>(wakeAt / 1000000000),
+                            static_cast<long>(wakeAt % 1000000000)};
+        // A signal may cut the sleep short; the deadline stays where it is.
+        while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &wake, nullptr) == EINTR) {
+        }
+    }
+    while (MonotonicNanoseconds() < deadline) {
     }
 }
 
@@ -114,7 +143,13 @@ Thread* StartThread(ThreadEntry entry, void* argument) {
     auto* handle = new (std::nothrow) Thread;
     if (handle == nullptr) return nullptr;
     try {
-        handle->thread = std::thread([entry, argument] { entry(argument); });
+        handle->thread = std::thread([entry, argument] {
+#ifdef __linux__
+            // No timer slack: the waits of this thread are the device's.
+            prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+#endif
+            entry(argument);
+        });
     } catch (...) {
         delete handle;
         return nullptr;

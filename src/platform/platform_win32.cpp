@@ -52,7 +52,34 @@ void WriteDebuggerOutput(std::string_view utf8Text) {
     OutputDebugStringW(wide.c_str());
 }
 
-void SleepMilliseconds(uint32_t milliseconds) { Sleep(milliseconds); }
+void SleepMilliseconds(uint32_t milliseconds) {
+    // Sleep() ends on a tick of the system timer, every 15.6 ms unless some
+    // program raised its rate: a 1 ms page wait of a microcontroller update
+    // could take 16. A high-resolution waitable timer (Windows 10 1803 and
+    // later) wakes within a fraction of a millisecond; the wait sleeps on it
+    // to just short of the deadline and spins the rest on the performance
+    // counter. Where that timer is missing it falls back to Sleep().
+    constexpr DWORD kHighResolution = 0x00000002;  // CREATE_WAITABLE_TIMER_HIGH_RESOLUTION
+    constexpr LONGLONG kSpinTailUs = 500;
+    LARGE_INTEGER frequency{}, now{};
+    QueryPerformanceFrequency(&frequency);
+    QueryPerformanceCounter(&now);
+    const LONGLONG deadline = now.QuadPart + frequency.QuadPart * milliseconds / 1000;
+    if (milliseconds > 0) {
+        HANDLE timer = CreateWaitableTimerExW(nullptr, nullptr, kHighResolution, TIMER_ALL_ACCESS);
+        LARGE_INTEGER due{};
+        due.QuadPart = -10 * (LONGLONG{milliseconds} * 1000 - kSpinTailUs);  // relative, 100 ns
+        if (timer != nullptr && SetWaitableTimer(timer, &due, 0, nullptr, nullptr, FALSE)) {
+            WaitForSingleObject(timer, INFINITE);
+        } else {
+            Sleep(milliseconds);
+        }
+        if (timer != nullptr) CloseHandle(timer);
+    }
+    do {
+        QueryPerformanceCounter(&now);
+    } while (now.QuadPart < deadline);
+}
 
 LocalTime CurrentLocalTime() {
     SYSTEMTIME now{};

@@ -180,14 +180,15 @@ void VirtualHidBackend::Wait(hid::HidHandle handle) {
         if (it != open_.end()) latency = devices_[it->second.device]->config.latencyMs;
     }
     if (latency == 0) return;
-    // A transfer takes `latency` ms. A plain sleep wakes late (timer slack
-    // and wake-up, about 0.1 ms on Linux), which over thousands of transfers
-    // adds up, so the model sleeps until shortly before the deadline and
-    // spins the rest.
+    // A transfer takes `latency` ms, exactly: the benchmark holds the
+    // library's time against the sum of these. A sleeping thread wakes late
+    // (in a virtual machine often by a few hundred microseconds, now and then
+    // by milliseconds), so the model spins: all of a short latency, the last
+    // two milliseconds of a long one.
     using Clock = std::chrono::steady_clock;
-    constexpr auto kSpin = std::chrono::microseconds(300);
+    constexpr auto kSpin = std::chrono::milliseconds(2);
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(latency);
-    std::this_thread::sleep_until(deadline - kSpin);
+    if (latency > 2) std::this_thread::sleep_until(deadline - kSpin);
     while (Clock::now() < deadline) {
     }
 }
