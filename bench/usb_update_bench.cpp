@@ -1,10 +1,7 @@
-// Benchmark of the USB firmware update on the virtual capture device.
-//
-//   korvsdk_bench [--reps N]
-//
-// Runs each case several times, every run in a process of its own (the
-// library keeps process-wide state, and a peak-RSS reading is only clean in
-// a fresh process), and prints per case the run with the median wall time:
+// Benchmark of the USB firmware update on the virtual capture device. Each
+// case runs several times, every run in a process of its own (the library
+// keeps process-wide state, and a peak-RSS reading is only clean in a fresh
+// process); per case the run with the median wall time is printed:
 //
 //   bench case=NAME latency_ms=L transfers=N wall_ms=W floor_ms=F ratio=R
 //
@@ -35,19 +32,18 @@
 //    the run minus VmRSS before it (after malloc_trim, so that memory freed
 //    earlier does not hide what the update takes).
 #include <malloc.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
+#include "benches.h"
 #include "core/VideoConsoleCoreImp.h"
 #include "discovery/device_list.h"
 #include "firmware/lights.h"
@@ -55,9 +51,9 @@
 #include "virtual/device/usb_image.h"
 #include "virtual/device/virtual_hid_backend.h"
 
+namespace korvbench {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 namespace vc = VideoConsoleCore;
 namespace vd = VideoConsoleCore::virtualdev;
 
@@ -67,10 +63,6 @@ namespace vd = VideoConsoleCore::virtualdev;
 constexpr double kDeviceWaitsMs = 4 + 86 + 46;
 
 constexpr uint32_t kReportBytes = 4096;  // data chunk of the default device
-
-double MsSince(Clock::time_point from, Clock::time_point to) {
-    return std::chrono::duration<double, std::milli>(to - from).count();
-}
 
 // ---- One run (child process) -------------------------------------------
 
@@ -112,44 +104,35 @@ void OnFwState(DevFwUpdateStateInfo* info) {
         g_completed = true;
 }
 
-// A "Key:   value kB" line of /proc/self/status, in KiB; -1 when missing.
-long StatusKib(const char* key) {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    const size_t n = std::strlen(key);
-    while (std::getline(status, line))
-        if (line.compare(0, n, key) == 0 && line.size() > n && line[n] == ':')
-            return std::strtol(line.c_str() + n + 1, nullptr, 10);
-    return -1;
-}
-
-bool ResetPeakRss() {
-    std::ofstream clear("/proc/self/clear_refs");
-    clear << "5";
-    clear.flush();
-    return static_cast<bool>(clear);
-}
-
-int Fail(const char* what) {
-    std::fprintf(stderr, "bench: %s\n", what);
-    return 1;
-}
-
-// One update: prints "run transfers=.. wall_ms=.. burst_ms=.. data_reports=..
-// rss_rise_kib=.. image_bytes=..".
-int RunOne(bool firmwareArea, uint32_t latencyMs) {
-    char folder[] = "/tmp/korvsdk-bench-XXXXXX";
-    if (mkdtemp(folder) == nullptr || chdir(folder) != 0) return Fail("no scratch folder");
-    {
-        std::ofstream cfg("setting.cfg");
-        cfg << "EnableLocalLogging=0\nDeviceBackend=virtual\nDevIDNum=1\n"
-               "DevDrvID0=USB\\VID_FFF0&PID_0C01\nFW_Overwrite=99\n"
-            << "Virtual0_LatencyMs=" << latencyMs << "\n"
-            << (firmwareArea ? "USB_Burn_Area=1\n" : "");
+// A plain 4 KiB memcpy, streaming through `bytes` of source: microseconds
+// each, the median of several passes.
+double MemcpyMicroseconds(size_t bytes) {
+    std::vector<uint8_t> source(bytes);
+    for (size_t i = 0; i < bytes; ++i) source[i] = static_cast<uint8_t>(i * 131 + 7);
+    std::vector<uint8_t> target(kReportBytes);
+    std::vector<double> passes;
+    const size_t chunks = bytes / kReportBytes;
+    for (int pass = 0; pass < 21; ++pass) {
+        const Clock::time_point start = Clock::now();
+        for (size_t c = 0; c < chunks; ++c) {
+            std::memcpy(target.data(), source.data() + c * kReportBytes, kReportBytes);
+            asm volatile("" : : "r"(target.data()) : "memory");  // keep every copy
+        }
+        passes.push_back(MsSince(start, Clock::now()) * 1000.0 / static_cast<double>(chunks));
     }
-    // The image lives beside the folder, not in it: the start-up scan
-    // would otherwise take it before the checks.
-    const std::string image = std::string(folder) + ".hex";
+    return Median(passes);
+}
+
+}  // namespace
+
+int RunUsbUpdate(bool firmwareArea, uint32_t latencyMs) {
+    ScratchFolder folder(
+        "EnableLocalLogging=0\nDeviceBackend=virtual\nDevIDNum=1\n"
+        "DevDrvID0=USB\\VID_FFF0&PID_0C01\nFW_Overwrite=99\n"
+        "Virtual0_LatencyMs=" + std::to_string(latencyMs) + "\n" +
+        (firmwareArea ? "USB_Burn_Area=1\n" : ""));
+    if (!folder.ok()) return Fail("no scratch folder");
+    const std::string image = folder.Beside(".hex");
 
     auto core = std::make_unique<vc::VideoConsoleCoreImp>();
     core->SetDebugOutputHandler(OnDebugText);
@@ -170,6 +153,7 @@ int RunOne(bool firmwareArea, uint32_t latencyMs) {
         imageBytes = static_cast<uint32_t>(bytes.size());
         if (!vd::WriteUsbImageFile(image, bytes)) return Fail("cannot write the image");
     }
+
     // Memory freed before the file is set (the image built above) goes back
     // to the system first, so that the rise counts what setting the file
     // and the update hold and not what the allocator kept. The rise starts
@@ -189,13 +173,10 @@ int RunOne(bool firmwareArea, uint32_t latencyMs) {
     const Clock::time_point end = Clock::now();
     const uint32_t transfers = device->Transfers(0) - transfersBefore;
     const long peak = StatusKib("VmHWM");
+    vc::FreeDeviceEntries(list, count);
 
-    std::remove(image.c_str());
-    std::remove("setting.cfg");
-    rmdir(folder);
     if (!g_completed) return Fail("the update failed");
     if (g_marks.seen != 15 || g_marks.writtenBytes == 0) return Fail("burst phases not seen");
-
     const double burstMs = MsSince(g_marks.writeStart, g_marks.writeEnd) +
                            MsSince(g_marks.verifyStart, g_marks.verifyEnd);
     const uint32_t dataReports = 2 * ((g_marks.writtenBytes + kReportBytes - 1) / kReportBytes);
@@ -203,63 +184,10 @@ int RunOne(bool firmwareArea, uint32_t latencyMs) {
                 "image_bytes=%u\n",
                 transfers, MsSince(start, end), burstMs, dataReports,
                 peakReset && rssBefore >= 0 && peak >= 0 ? peak - rssBefore : -1, imageBytes);
-    vc::FreeDeviceEntries(list, count);
     return 0;
 }
 
-// ---- The driver (parent process) ---------------------------------------
-
-struct Run {
-    uint32_t transfers = 0;
-    double wallMs = 0, burstMs = 0;
-    uint32_t dataReports = 0;
-    long rssRiseKib = -1;
-    uint32_t imageBytes = 0;
-};
-
-bool Spawn(const std::string& self, const char* area, uint32_t latency, Run& run) {
-    const std::string command =
-        "'" + self + "' --run " + area + " " + std::to_string(latency);
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return false;
-    char line[512] = {};
-    bool parsed = false;
-    while (std::fgets(line, sizeof line, pipe) != nullptr) {
-        parsed = std::sscanf(line,
-                             "run transfers=%u wall_ms=%lf burst_ms=%lf data_reports=%u "
-                             "rss_rise_kib=%ld image_bytes=%u",
-                             &run.transfers, &run.wallMs, &run.burstMs, &run.dataReports,
-                             &run.rssRiseKib, &run.imageBytes) == 6;
-    }
-    return pclose(pipe) == 0 && parsed;
-}
-
-template <typename T>
-T Median(std::vector<T> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-// A 4 KiB memcpy, streaming through `bytes` of source: microseconds each,
-// the median of several passes.
-double MemcpyMicroseconds(size_t bytes) {
-    std::vector<uint8_t> source(bytes);
-    for (size_t i = 0; i < bytes; ++i) source[i] = static_cast<uint8_t>(i * 131 + 7);
-    std::vector<uint8_t> target(kReportBytes);
-    std::vector<double> passes;
-    const size_t chunks = bytes / kReportBytes;
-    for (int pass = 0; pass < 21; ++pass) {
-        const Clock::time_point start = Clock::now();
-        for (size_t c = 0; c < chunks; ++c) {
-            std::memcpy(target.data(), source.data() + c * kReportBytes, kReportBytes);
-            asm volatile("" : : "r"(target.data()) : "memory");  // keep every copy
-        }
-        passes.push_back(MsSince(start, Clock::now()) * 1000.0 / static_cast<double>(chunks));
-    }
-    return Median(passes);
-}
-
-int Drive(const std::string& self, int reps) {
+int DriveUsbUpdate(const std::string& self, int reps) {
     struct Case {
         const char* name;
         const char* area;
@@ -269,61 +197,42 @@ int Drive(const std::string& self, int reps) {
     int failures = 0;
     for (const Case& c : cases) {
         for (const uint32_t latency : {0u, 1u}) {
-            std::vector<Run> runs;
+            std::vector<std::map<std::string, double>> runs;
             for (int i = 0; i < reps; ++i) {
-                Run run;
-                if (!Spawn(self, c.area, latency, run)) {
+                auto run = SpawnRun(self, std::string("usb ") + c.area + " " +
+                                              std::to_string(latency));
+                if (run.empty()) {
                     std::fprintf(stderr, "bench: case %s latency %u: a run failed\n", c.name,
                                  latency);
                     ++failures;
                     break;
                 }
-                runs.push_back(run);
+                runs.push_back(std::move(run));
             }
             if (runs.empty()) continue;
             // The run with the median wall time gives the first line.
             std::sort(runs.begin(), runs.end(),
-                      [](const Run& a, const Run& b) { return a.wallMs < b.wallMs; });
-            const Run& mid = runs[runs.size() / 2];
-            const double floorMs = mid.transfers * static_cast<double>(latency) + kDeviceWaitsMs;
-            std::printf("bench case=%s latency_ms=%u transfers=%u wall_ms=%.2f floor_ms=%.2f "
-                        "ratio=%.4f\n",
-                        c.name, latency, mid.transfers, mid.wallMs, floorMs,
-                        mid.wallMs / floorMs);
+                      [](auto& a, auto& b) { return a["wall_ms"] < b["wall_ms"]; });
+            auto& mid = runs[runs.size() / 2];
+            PrintRatioLine(c.name, latency, mid["transfers"], mid["wall_ms"],
+                           mid["transfers"] * latency + kDeviceWaitsMs);
             if (latency != 0) continue;
             // Host cost: median over the runs; peak RSS rise: the largest.
             std::vector<double> perReport;
-            long rise = -1;  // stays -1 when the peak could not be read
-            for (const Run& r : runs) {
-                perReport.push_back(r.burstMs * 1000.0 / r.dataReports);
-                rise = std::max(rise, r.rssRiseKib);
+            double rise = -1;  // stays -1 when the peak could not be read
+            for (auto& r : runs) {
+                perReport.push_back(r["burst_ms"] * 1000.0 / r["data_reports"]);
+                rise = std::max(rise, r["rss_rise_kib"]);
             }
-            if (memcpyUs < 0) memcpyUs = MemcpyMicroseconds(mid.imageBytes);
+            if (memcpyUs < 0) memcpyUs = MemcpyMicroseconds(static_cast<size_t>(mid["image_bytes"]));
             std::printf("bench case=%s host_us_per_data_report=%.2f memcpy_us_per_report=%.3f "
                         "peak_rss_rise_mib=%.2f image_mib=%.2f\n",
                         c.name, Median(perReport), memcpyUs, rise < 0 ? -1.0 : rise / 1024.0,
-                        mid.imageBytes / (1024.0 * 1024.0));
+                        mid["image_bytes"] / (1024.0 * 1024.0));
             std::fflush(stdout);
         }
     }
-    return failures == 0 ? 0 : 1;
+    return failures;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    if (argc == 4 && std::strcmp(argv[1], "--run") == 0) {
-        const bool firmwareArea = std::strcmp(argv[2], "firmware") == 0;
-        return RunOne(firmwareArea, static_cast<uint32_t>(std::strtoul(argv[3], nullptr, 10)));
-    }
-    int reps = 5;
-    if (argc == 3 && std::strcmp(argv[1], "--reps") == 0) reps = std::max(1, std::atoi(argv[2]));
-    else if (argc != 1) {
-        std::fprintf(stderr, "usage: %s [--reps N]\n", argv[0]);
-        return 2;
-    }
-    char self[4096] = {};
-    const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n <= 0) return Fail("cannot find the program's own path");
-    return Drive(std::string(self, static_cast<size_t>(n)), reps);
-}
+}  // namespace korvbench

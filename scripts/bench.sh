@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds the USB update benchmark (Release, in
+# Installs what is missing, builds the firmware update benchmark (Release, in
 # build/bench) and runs it on the virtual capture device: one "bench ..."
-# line per case, and a second one for the cases without latency. Arguments
-# go to the benchmark (--reps N: runs per case, default 5).
+# line per case, and a second one for the USB cases without latency.
+# Arguments go to the benchmark (--reps N: runs per case, default 3; "usb"
+# or "mcu": that kind only).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"

@@ -185,6 +185,7 @@ bool VirtualMcu::Write(const uint8_t* data, size_t count) {
 }
 
 bool VirtualMcu::Read(const uint8_t* writeData, size_t writeCount, uint8_t* out, size_t readCount) {
+    if (writeCount >= 1) ++readsAddressed_[writeData[0]];
     if (Nacked(writeData, writeCount)) return false;
     if (writeCount > 1) return false;  // registers take one address byte
     if (writeCount == 1) pointer_ = writeData[0];

@@ -177,6 +177,9 @@ public:
     uint64_t ClockMs() const { return clockMs_; }
     // Bootloader command frames taken since construction.
     uint64_t BootloaderCommands() const { return bootloaderCommands_; }
+    // Register reads addressed to `reg` since construction, acknowledged
+    // or not (a polling host's looks at a register).
+    uint64_t ReadsOf(uint8_t reg) const { return readsAddressed_[reg]; }
     VirtualRgbLight* RgbLight() { return rgbLight_.get(); }
     // Program memory from address 0x1000 (kImageMaxSize bytes, 0xFF erased).
     const std::vector<uint8_t>& ProgramMemory() const { return program_; }
@@ -248,6 +251,7 @@ private:
     uint8_t led_;
     std::vector<LedWrite> ledTimeline_;
     uint64_t bootloaderCommands_ = 0;
+    std::array<uint64_t, 256> readsAddressed_{};
     uint64_t clockMs_ = 0;
     uint8_t parameterSource_ = 0;
     std::optional<Audio> saved_;
