@@ -5,6 +5,7 @@
 #include "firmware/lights.h"
 #include "firmware/update_common.h"
 #include "hid/backend/hid_backend.h"
+#include "platform/platform.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -32,6 +33,9 @@ VideoConsoleCoreImp::~VideoConsoleCoreImp() {
     // written); its end may start the finish lights, which stop next.
     firmware::JoinUpdateThread(*this);
     firmware::StopLightThreads(*this, true);
+    // These end within one poll: m_stopping is set.
+    platform::JoinThread(m_systemReportThread);
+    platform::JoinThread(m_previewThread);
     firmware::CloseFirmwareFile(*this);
     // The selected device's interface stays open for the life of the core.
     CloseOpenInterface();

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "KORVSDKDeviceTool.h"
+#include "VideoConsoleCore.h"
 #include "hid/hid_types.h"
 #include "settings/settings_file.h"
 
@@ -367,12 +368,44 @@ public:
     // must not land between the halves of the caller's I2C transaction.
     std::recursive_mutex m_exchangeLock;
 
+    // ---- Class face (toolcore/) and diagnostics (diagnostics/) -----------
+    // Callbacks of the class face, each set once.
+    std::atomic<ToolCoreCallback> m_diagnosticInfoCallback{nullptr};
+    std::atomic<ToolCoreCallback> m_audioInfoCallback{nullptr};
+    std::atomic<ToolCoreCallback> m_lightInfoCallback{nullptr};
+    std::atomic<ToolCoreCallback> m_firmwareUpdateInfoCallback{nullptr};
+    // The audio state last read or set through the class face; what the
+    // audio callback receives. Made zeroed on first use.
+    AudioControl& AudioCache() {
+        if (!m_audioCache) m_audioCache = std::make_unique<AudioControl>();
+        return *m_audioCache;
+    }
+    std::unique_ptr<AudioControl> m_audioCache;
+    uint32_t m_lightMode = 0;
+    // Set when a light preview is over; the preview's worker then leaves
+    // the light as it is.
+    std::atomic<bool> m_previewStopped{false};
+    platform::Thread* m_previewThread = nullptr;  // the preview's worker
+    // The LED parameter block: 16 entries of effect code, three colour bytes
+    // and a parameter, as the class face's light control last set them.
+    uint8_t m_ledParameters[80] = {};
+    // Where log dumps go (UTF-8); empty: the log folder.
+    const std::string& DumpFolder() const { return m_dumpFolder; }
+    void SetDumpFolder(std::string folder) { m_dumpFolder = std::move(folder); }
+    // Saves the system's hardware report and a summary of it (to
+    // dxdiagData.txt in the dump folder), one at a time; 1.
+    int SaveSystemReport();
+    std::atomic<bool> m_systemReportBusy{false};
+    std::atomic<uint16_t> m_systemReportCountdown{0};
+    platform::Thread* m_systemReportThread = nullptr;
+
     // Two 40-byte zeroed information records; the second is allocated by
     // initialisation, both are replaced when selection finds no device.
     uint8_t* m_infoRecord1 = nullptr;
     uint8_t* m_infoRecord2 = nullptr;
 
 private:
+    std::string m_dumpFolder;
     std::unique_ptr<hid::HidBackend> m_hidBackend;
     std::atomic<KORVSDK_ScanDeviceListCallback> m_scanListCallback{nullptr};
     std::atomic<KORVSDK_DeviceStateCallback> m_deviceStateCallback{nullptr};

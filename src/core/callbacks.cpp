@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "core/VideoConsoleCoreImp.h"
+#include "toolcore/information.h"
 
 namespace VideoConsoleCore {
 
@@ -70,6 +71,7 @@ void VideoConsoleCoreImp::NotifyDeviceState(const char* message, uint64_t value,
 void VideoConsoleCoreImp::NotifyFwUpdateState(const char* usbFileText, const char* mcuFileText,
                                               const char* state, const char* message,
                                               float percent) {
+    toolcore::NotifyFirmwareUpdateInfo(*this, usbFileText, mcuFileText, state, message, percent);
     const KORVSDK_DevFwUpdateStateCallback callback = m_fwUpdateStateCallback.load();
     if (callback == nullptr) return;
     auto* record = static_cast<DevFwUpdateStateInfo*>(std::calloc(1, sizeof(DevFwUpdateStateInfo)));

@@ -136,28 +136,72 @@ void BlinkStep(VideoConsoleCoreImp& core) {
     }
 }
 
-bool SetRgbPhase(VideoConsoleCoreImp& core, int phase) {
-    if (phase < 0 || phase > 2) return false;
-    const uint8_t* colour = core.m_rgbColour[phase];
-    uint8_t colours[7 + 15] = {0xCD, 0x02, 0xCE, 0x01, 0x03, 0x10, 0x0F};
-    for (int i = 0; i < 5; ++i) std::memcpy(colours + 7 + 3 * i, colour, 3);
-    const uint8_t step1[] = {0xCD, 0x02, 0xCE, 0x01, 0x00, 0x02, 0x81, 0x60};
-    const uint8_t step3[] = {0xCD, 0x02, 0xCE, 0x01, 0x00, 0x02, 0x80, 0x21};
-    const uint8_t step4[] = {0xCD, 0x02, 0xCE, 0x01, 0x03, 0x02, 0x01, core.m_rgbMode[phase]};
-    const uint8_t step5[] = {0xCD, 0x02, 0xCE, 0x01, 0x00, 0x02, 0x80, 0x2F};
-    const uint8_t step6[] = {0xCD, 0x02, 0xCE, 0x01, 0x03, 0x02, 0x01, 0x01};
-    const struct {
-        const uint8_t* bytes;
-        size_t count;
-    } steps[] = {{step1, sizeof step1}, {colours, sizeof colours}, {step3, sizeof step3},
-                 {step4, sizeof step4}, {step5, sizeof step5},     {step6, sizeof step6}};
+namespace {
 
-    platform::SleepMilliseconds(kRgbFirstWaitMs);
-    for (size_t i = 0; i < std::size(steps); ++i) {
+// The RGB chip sits on the microcontroller's bus 2 at 0xCE; the
+// microcontroller's I2C master (0xCD) writes to it. Register 0x60 takes the
+// colours of its five LEDs, 0x21 the effect (mode), and 0x2F = 1 latches
+// what was written.
+struct RgbWrite {
+    const uint8_t* bytes;
+    size_t count;
+};
+constexpr uint8_t kSelectColours[] = {0xCD, 0x02, 0xCE, 0x01, 0x00, 0x02, 0x81, 0x60};
+constexpr uint8_t kSelectEffect[] = {0xCD, 0x02, 0xCE, 0x01, 0x00, 0x02, 0x80, 0x21};
+constexpr uint8_t kSelectLatch[] = {0xCD, 0x02, 0xCE, 0x01, 0x00, 0x02, 0x80, 0x2F};
+constexpr uint8_t kLatch[] = {0xCD, 0x02, 0xCE, 0x01, 0x03, 0x02, 0x01, 0x01};
+
+struct RgbColours {
+    uint8_t bytes[7 + 15] = {0xCD, 0x02, 0xCE, 0x01, 0x03, 0x10, 0x0F};
+    explicit RgbColours(const uint8_t colour[3]) {
+        for (int i = 0; i < 5; ++i) std::memcpy(bytes + 7 + 3 * i, colour, 3);
+    }
+};
+
+// The writes in order, 10 ms apart, each only after the one before went
+// through.
+template <size_t N>
+bool RunRgbWrites(VideoConsoleCoreImp& core, const RgbWrite (&writes)[N]) {
+    for (size_t i = 0; i < N; ++i) {
         if (i > 0) platform::SleepMilliseconds(kRgbStepWaitMs);
-        if (!IicWrite(core, steps[i].bytes, steps[i].count)) return false;
+        if (!IicWrite(core, writes[i].bytes, writes[i].count)) return false;
     }
     return true;
+}
+
+}  // namespace
+
+bool SetRgbPhase(VideoConsoleCoreImp& core, int phase) {
+    if (phase < 0 || phase > 2) return false;
+    const RgbColours colours(core.m_rgbColour[phase]);
+    const uint8_t effect[] = {0xCD, 0x02, 0xCE, 0x01, 0x03, 0x02, 0x01, core.m_rgbMode[phase]};
+    const RgbWrite writes[] = {{kSelectColours, sizeof kSelectColours},
+                               {colours.bytes, sizeof colours.bytes},
+                               {kSelectEffect, sizeof kSelectEffect},
+                               {effect, sizeof effect},
+                               {kSelectLatch, sizeof kSelectLatch},
+                               {kLatch, sizeof kLatch}};
+    platform::SleepMilliseconds(kRgbFirstWaitMs);
+    return RunRgbWrites(core, writes);
+}
+
+bool SetRgbColour(VideoConsoleCoreImp& core, uint8_t first, uint8_t second, uint8_t third) {
+    const uint8_t colour[3] = {first, second, third};
+    const RgbColours colours(colour);
+    const RgbWrite writes[] = {{kSelectColours, sizeof kSelectColours},
+                               {colours.bytes, sizeof colours.bytes},
+                               {kSelectLatch, sizeof kSelectLatch},
+                               {kLatch, sizeof kLatch}};
+    return RunRgbWrites(core, writes);
+}
+
+bool SetRgbEffect(VideoConsoleCoreImp& core, uint8_t code) {
+    const uint8_t effect[] = {0xCD, 0x02, 0xCE, 0x01, 0x03, 0x02, 0x01, code};
+    const RgbWrite writes[] = {{kSelectEffect, sizeof kSelectEffect},
+                               {effect, sizeof effect},
+                               {kSelectLatch, sizeof kSelectLatch},
+                               {kLatch, sizeof kLatch}};
+    return RunRgbWrites(core, writes);
 }
 
 bool SaveLedParameters(VideoConsoleCoreImp& core, const uint8_t* block) {

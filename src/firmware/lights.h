@@ -35,6 +35,11 @@ void BlinkStep(VideoConsoleCoreImp& core);
 // Programs the RGB light with the colour and mode of `phase`: 500 ms, then
 // six writes 10 ms apart, each only after the one before went through.
 bool SetRgbPhase(VideoConsoleCoreImp& core, int phase);
+// The RGB light's colour (the three bytes in the order the chip takes
+// them, for all five LEDs) and its effect code, each latched at once. For
+// the class face's light control.
+bool SetRgbColour(VideoConsoleCoreImp& core, uint8_t first, uint8_t second, uint8_t third);
+bool SetRgbEffect(VideoConsoleCoreImp& core, uint8_t code);
 
 // Stores an 80-byte LED parameter block (16 entries of 5 bytes) in the
 // microcontroller and waits for the outcome, which it says.

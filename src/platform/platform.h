@@ -54,6 +54,17 @@ inline constexpr uint32_t kDiskFullError = 112;
 // "" when there is none.
 std::string FirstFileWithExtension(const std::string& extension);
 
+// A wide text (UTF-16 on Windows, UTF-32 elsewhere) as UTF-8; null is "".
+// Unpaired surrogates become U+FFFD.
+std::string WideToUtf8(const wchar_t* text);
+
+// Starts the system's hardware report, written to `path` (UTF-8) by the
+// time it is done. Windows runs its diagnostic tool hidden ("dxdiag /t
+// <path>"), which takes several seconds; elsewhere the library writes the
+// report itself from sysfs and the kernel before it returns. False when
+// nothing could be started.
+bool StartSystemReport(const std::string& path);
+
 // ---- Threads of the library's own (the update lights).
 struct Thread;
 using ThreadEntry = uint32_t (*)(void* argument);

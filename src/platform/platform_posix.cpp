@@ -8,16 +8,21 @@
 #include <sys/prctl.h>
 #endif
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <fstream>
 #include <new>
 #include <thread>
+#include <vector>
 
 namespace VideoConsoleCore::platform {
 
@@ -133,6 +138,121 @@ std::string FirstFileWithExtension(const std::string& extension) {
     }
     closedir(folder);
     return found;
+}
+
+std::string WideToUtf8(const wchar_t* text) {
+    std::string out;
+    if (text == nullptr) return out;
+    // wchar_t holds UTF-32 here.
+    for (; *text != L'\0'; ++text) {
+        uint32_t c = static_cast<uint32_t>(*text);
+        if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = 0xFFFD;
+        if (c < 0x80) {
+            out += static_cast<char>(c);
+        } else if (c < 0x800) {
+            out += static_cast<char>(0xC0 | (c >> 6));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else if (c < 0x10000) {
+            out += static_cast<char>(0xE0 | (c >> 12));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            out += static_cast<char>(0xF0 | (c >> 18));
+            out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+            out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out += static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    return out;
+}
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// The first line of a sysfs attribute; "" when it cannot be read.
+std::string Attribute(const fs::path& file) {
+    std::ifstream in(file);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+// The USB devices with their ids, speed, product and the drivers bound to
+// their interfaces.
+void WriteUsbDevices(std::ostream& out) {
+    out << "USB Devices\n-----------\n";
+    std::error_code error;
+    std::vector<fs::path> devices;
+    for (const auto& entry : fs::directory_iterator("/sys/bus/usb/devices", error))
+        if (fs::exists(entry.path() / "idVendor", error)) devices.push_back(entry.path());
+    std::sort(devices.begin(), devices.end());
+    for (const fs::path& device : devices) {
+        const std::string name = device.filename().string();
+        out << name << "  " << Attribute(device / "idVendor") << ':'
+            << Attribute(device / "idProduct") << "  " << Attribute(device / "speed") << " Mb/s  "
+            << Attribute(device / "manufacturer") << ' ' << Attribute(device / "product") << '\n';
+        for (const auto& sub : fs::directory_iterator(device, error)) {
+            const std::string interface = sub.path().filename().string();
+            if (interface.rfind(name + ":", 0) != 0) continue;
+            const fs::path driver = fs::read_symlink(sub.path() / "driver", error);
+            out << "    " << interface << "  driver: "
+                << (error ? std::string("(none)") : driver.filename().string()) << '\n';
+        }
+    }
+    out << '\n';
+}
+
+// The hidraw nodes with their permissions and owners.
+void WriteHidrawNodes(std::ostream& out) {
+    out << "HID Raw Nodes\n-------------\n";
+    std::error_code error;
+    std::vector<std::string> nodes;
+    for (const auto& entry : fs::directory_iterator("/sys/class/hidraw", error))
+        nodes.push_back(entry.path().filename().string());
+    std::sort(nodes.begin(), nodes.end());
+    for (const std::string& node : nodes) {
+        const std::string path = "/dev/" + node;
+        struct stat info {};
+        if (stat(path.c_str(), &info) != 0) {
+            out << path << "  (missing)\n";
+            continue;
+        }
+        char mode[16];
+        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
+        const fs::path device = fs::canonical("/sys/class/hidraw/" + node + "/device", error);
+        out << path << "  mode " << mode << "  uid " << info.st_uid << "  gid " << info.st_gid
+            << "  " << (error ? std::string() : device.filename().string()) << '\n';
+    }
+    out << '\n';
+}
+
+}  // namespace
+
+bool StartSystemReport(const std::string& path) {
+    if (path.empty()) return false;
+    // Written beside the target and renamed into place, so that whoever
+    // waits for the report never reads half of it.
+    const std::string partial = path + ".part";
+    {
+        std::ofstream out(partial, std::ios::trunc);
+        if (!out) return false;
+        utsname system {};
+        out << "System Information\n------------------\n";
+        if (uname(&system) == 0) {
+            out << "Operating System: " << system.sysname << ' ' << system.release << '\n'
+                << "Kernel Version: " << system.version << '\n'
+                << "Machine: " << system.machine << '\n';
+        }
+        out << '\n';
+        WriteUsbDevices(out);
+        WriteHidrawNodes(out);
+        out << "Sound Devices\n-------------\n";
+        std::ifstream cards("/proc/asound/cards");
+        if (cards) out << cards.rdbuf();
+        if (!out) return false;
+    }
+    return std::rename(partial.c_str(), path.c_str()) == 0;
 }
 
 struct Thread {

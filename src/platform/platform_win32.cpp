@@ -177,6 +177,37 @@ std::string FirstFileWithExtension(const std::string& extension) {
     return path;
 }
 
+std::string WideToUtf8(const wchar_t* text) {
+    if (text == nullptr || text[0] == L'\0') return std::string();
+    // Unpaired surrogates become U+FFFD (no WC_ERR_INVALID_CHARS).
+    const int length = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
+    if (length <= 1) return std::string();
+    std::string utf8(static_cast<size_t>(length), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text, -1, utf8.data(), length, nullptr, nullptr);
+    utf8.resize(static_cast<size_t>(length) - 1);
+    return utf8;
+}
+
+bool StartSystemReport(const std::string& path) {
+    if (path.empty()) return false;
+    // The system's diagnostic tool writes its text report (/t) and exits;
+    // started hidden and not waited for. CreateProcessW rather than WinExec,
+    // which takes only the ANSI code page: the path may hold any character.
+    std::wstring command = L"dxdiag /t \"" + Utf8ToWide(path) + L"\"";
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESHOWWINDOW;
+    startup.wShowWindow = SW_HIDE;
+    PROCESS_INFORMATION process{};
+    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                        &startup, &process)) {
+        return false;
+    }
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    return true;
+}
+
 struct Thread {
     HANDLE handle = nullptr;
     ThreadEntry entry = nullptr;

@@ -170,6 +170,7 @@ void VirtualMcu::Advance(uint32_t milliseconds) {
 // ---------------------------------------------------------------- I2C
 
 bool VirtualMcu::Write(const uint8_t* data, size_t count) {
+    if (count >= 2) ++writesAddressed_[data[0]];
     if (Nacked(data, count)) return false;
     if (count == 0) return true;
     if (count == 1) {  // register pointer for a following plain read

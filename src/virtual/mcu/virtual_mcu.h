@@ -180,6 +180,8 @@ public:
     // Register reads addressed to `reg` since construction, acknowledged
     // or not (a polling host's looks at a register).
     uint64_t ReadsOf(uint8_t reg) const { return readsAddressed_[reg]; }
+    // Register writes (address and data) addressed to `reg`, the same way.
+    uint64_t WritesOf(uint8_t reg) const { return writesAddressed_[reg]; }
     VirtualRgbLight* RgbLight() { return rgbLight_.get(); }
     // Program memory from address 0x1000 (kImageMaxSize bytes, 0xFF erased).
     const std::vector<uint8_t>& ProgramMemory() const { return program_; }
@@ -252,6 +254,7 @@ private:
     std::vector<LedWrite> ledTimeline_;
     uint64_t bootloaderCommands_ = 0;
     std::array<uint64_t, 256> readsAddressed_{};
+    std::array<uint64_t, 256> writesAddressed_{};
     uint64_t clockMs_ = 0;
     uint8_t parameterSource_ = 0;
     std::optional<Audio> saved_;

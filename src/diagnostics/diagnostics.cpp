@@ -1,0 +1,208 @@
+#include "diagnostics/diagnostics.h"
+
+#include <spdlog/spdlog.h>
+
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+
+#include "core/VideoConsoleCoreImp.h"
+#include "platform/platform.h"
+#include "settings/log_location.h"
+
+namespace VideoConsoleCore {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kDumpLoggingOff = "[Dump_Log] ERROR: You have not Enable Local Logging...";
+constexpr const char* kWaitingLine = "Wait system write Dxdiag...";
+constexpr const char* kTimeOutLine = "Wait WriteDxdiag time out!";
+constexpr uint16_t kReportPolls = 200;
+constexpr uint32_t kReportPollMs = 100;
+
+// Paths are UTF-8 texts; Windows opens them as wide paths.
+fs::path PathOf(const std::string& utf8) {
+    return fs::u8path(utf8);
+}
+
+std::string Join(const std::string& folder, const std::string& name) {
+    return folder + platform::PathSeparator() + name;
+}
+
+// A context line: to the log file only, never to the debugger.
+void LogToFile(const VideoConsoleCoreImp& core, const std::string& text) {
+    if (core.m_localLogging && core.m_logger) core.m_logger->info(text);
+}
+
+// Copies the core's log file into `target` (created or truncated), line by
+// line, each line ended by "\n". A log that cannot be opened leaves the
+// target empty; a target that cannot be made is left out.
+void CopyLogInto(VideoConsoleCoreImp& core, const std::string& target, const std::string& head) {
+    if (core.m_logger) core.m_logger->flush();  // what was logged so far
+    std::ifstream log(PathOf(core.LogFilePath()), std::ios::binary);
+    std::ofstream out(PathOf(target), std::ios::binary | std::ios::trunc);
+    if (!out) return;
+    out << head;
+    std::string line;
+    while (log && std::getline(log, line)) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (!(out << line << '\n')) break;
+    }
+}
+
+void WriteText(const std::string& path, const std::string& text) {
+    std::ofstream out(PathOf(path), std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+// The worker of the system report: waits for the system's full report and
+// copies its summary.
+struct ReportJob {
+    VideoConsoleCoreImp* core;
+    std::string fullPath;
+    std::string summaryPath;
+};
+
+uint32_t RunReportJob(void* argument) {
+    ReportJob* job = static_cast<ReportJob*>(argument);
+    VideoConsoleCoreImp& core = *job->core;
+    bool copied = false;
+    while (!core.m_stopping) {
+        if (--core.m_systemReportCountdown == 0) break;
+        std::ifstream full(PathOf(job->fullPath), std::ios::binary);
+        if (full) {
+            std::ostringstream text;
+            text << full.rdbuf();
+            WriteText(job->summaryPath, diagnostics::SummaryOf(text.str()));
+            copied = true;
+            break;
+        }
+        platform::SleepMilliseconds(kReportPollMs);
+    }
+    if (!copied) {
+        core.DebugOut(std::string(kTimeOutLine) + "\n");
+        WriteText(job->summaryPath, std::string(kTimeOutLine) + "\n");
+    }
+    delete job;
+    core.m_systemReportBusy = false;
+    return 0;
+}
+
+}  // namespace
+
+namespace diagnostics {
+
+const char* ModelPrefix(bool selected, uint8_t model) {
+    if (!selected) return "NoDevice,";
+    switch (model) {
+        case 6: return "TARNA,";
+        case 16: return "VELIS,";
+        case 14: return "OSKA,";
+        case 13: return "PIRU,";
+        default: return "NoDevice,";
+    }
+}
+
+std::string SummaryOf(const std::string& report) {
+    std::istringstream in(report);
+    std::string summary, line;
+    while (std::getline(in, line)) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (line == "Sound Devices") break;
+        summary += line + "\n";
+    }
+    return summary;
+}
+
+bool DumpLog(VideoConsoleCoreImp& core) {
+    if (!core.m_localLogging) {
+        core.NotifyDeviceState(kDumpLoggingOff);  // only when a callback is there
+        return false;
+    }
+    if (!core.m_selected) LogToFile(core, "no device found");
+    const LogLocation location = LogLocation::Build();
+    std::error_code ignored;
+    fs::create_directories(PathOf(location.currentFolderName), ignored);
+    const std::string name = "Dump_Log_" + LocalTimeStamp() + ".txt";
+    const std::string folder = core.DumpFolder().empty() ? location.currentFolderName
+                                                         : core.DumpFolder();
+    // Logging may have been switched off since the check above.
+    const std::string head =
+        core.m_localLogging ? std::string()
+                            : "You have not Enable Local Logging...\n\nIf you want to turn on this "
+                              "feature\n\nPlease open setting.cfg, and set EnableLocalLogging=1\n";
+    CopyLogInto(core, Join(folder, name), head);
+    // The library's logger is registered under its own name and keeps
+    // logging after a dump.
+    spdlog::drop("uvc_logger");
+    return true;
+}
+
+void CopyLogTagged(VideoConsoleCoreImp& core, const std::string& tag) {
+    const std::string name =
+        std::string(ModelPrefix(core.m_selected, core.m_deviceModel)) + LocalTimeStamp() + ".txt";
+    const std::string folder = Join("Diagnostic", "tmp");
+    if (!fs::is_directory(PathOf(folder))) return;  // not made here
+    CopyLogInto(core, Join(folder, tag.empty() ? name : tag + "," + name), std::string());
+    spdlog::drop("uvc_logger");
+}
+
+void HandleRequest(VideoConsoleCoreImp& core, const DiagnosticRequest& request) {
+    if (request.collectInfo) {
+        if (!request.email.empty()) LogToFile(core, "Email: " + request.email);
+        if (!request.describeContent.empty()) {
+            LogToFile(core, "Describe Content: ");
+            LogToFile(core, platform::WideToUtf8(request.describeContent.c_str()));
+        }
+        if (request.isAllowPrivacyToSendLog) LogToFile(core, "isAllowPrivacyToSendLog: TRUE");
+        if (!request.softwareVersion.empty())
+            LogToFile(core, "Software version: " + request.softwareVersion);
+        CopyLogTagged(core, request.email);
+        return;
+    }
+    if (!request.dumpFolder.empty())
+        core.SetDumpFolder(platform::WideToUtf8(request.dumpFolder.c_str()));
+    if (request.dumpLog) DumpLog(core);
+}
+
+}  // namespace diagnostics
+
+int VideoConsoleCoreImp::SaveSystemReport() {
+    try {
+        const LogLocation location = LogLocation::Build();
+        const std::string fullPath =
+            location.genToCurrentFolder
+                ? Join(location.currentFolderName, location.dxdiagFullFileName)
+                : Join(Join(Join(location.UserBaseFolder(), location.companyFolderName),
+                            location.productFolderName),
+                       location.dxdiagFullFileName);
+        if (m_systemReportBusy) return 1;  // one report at a time
+        // A report of an earlier request must not pass for the new one.
+        std::error_code ignored;
+        fs::remove(PathOf(fullPath), ignored);
+        if (!platform::StartSystemReport(fullPath)) return 1;
+
+        std::string folder = DumpFolder();
+        if (folder.empty()) {
+            folder = location.currentFolderName;
+            fs::create_directories(PathOf(folder), ignored);
+        }
+        const std::string summaryPath = Join(folder, "dxdiagData.txt");
+        m_systemReportBusy = true;
+        m_systemReportCountdown = kReportPolls;
+        WriteText(summaryPath, std::string(kWaitingLine) + "\n");
+        platform::JoinThread(m_systemReportThread);
+        m_systemReportThread =
+            platform::StartThread(RunReportJob, new ReportJob{this, fullPath, summaryPath});
+        if (m_systemReportThread == nullptr) m_systemReportBusy = false;
+    } catch (const std::exception& e) {
+        LogToFile(*this, e.what());
+    }
+    return 1;
+}
+
+}  // namespace VideoConsoleCore

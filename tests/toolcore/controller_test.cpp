@@ -1,0 +1,200 @@
+// The controller's own rules on the virtual device: its state and refusals,
+// which audio writes reach the microcontroller, what the RGB light gets for
+// an effect, and the diagnostic files.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "diagnostics/diagnostics.h"
+#include "support/virtual_session.h"
+#include "toolcore/tool_core_controller.h"
+#include "virtual/mcu/behind_mcu_chips.h"
+
+using namespace VideoConsoleCore;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::vector<AudioControl> g_audio;
+bool OnAudio(void* record) {
+    g_audio.push_back(*static_cast<AudioControl*>(record));
+    return true;
+}
+
+class Controller : public korvsdk_test::VirtualSession {
+protected:
+    void Run() {
+        ASSERT_EQ(tool_.init(), 0);
+        tool_.start();
+        for (int i = 0; i < 400 && tool_.State() != 1; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        ASSERT_EQ(tool_.State(), 1);
+    }
+    std::vector<fs::path> FilesIn(const fs::path& folder) {
+        std::vector<fs::path> files;
+        for (const auto& e : fs::directory_iterator(folder)) files.push_back(e.path().filename());
+        return files;
+    }
+    ToolCoreControllerImp tool_;
+};
+
+}  // namespace
+
+TEST_F(Controller, StateRules) {
+    ASSERT_NO_FATAL_FAILURE(Init());
+    ASSERT_EQ(tool_.init(), 0);
+    DiagnosticRequest request;
+    struct Row {
+        int command;
+        void* record;
+        bool expected;
+    };
+    // Before start, without a device: refused; then selected: accepted and
+    // nothing done.
+    EXPECT_FALSE(tool_.runCommand(kCommandAudio, nullptr, nullptr));
+    ASSERT_TRUE(core_.SelectDevice(&list_[0]));
+    EXPECT_TRUE(tool_.runCommand(99, nullptr, nullptr));
+    ASSERT_NO_FATAL_FAILURE(Run());
+    const Row running[] = {{kCommandAudio, nullptr, true},   {kCommandLight, nullptr, true},
+                           {kCommandFirmwareUpdate, nullptr, true},
+                           {kCommandDiagnostic, &request, true},
+                           {kCommandSelectDevice, nullptr, true}, {5, nullptr, false},
+                           {-1, nullptr, false}};
+    for (const Row& r : running) EXPECT_EQ(tool_.runCommand(r.command, r.record, nullptr), r.expected) << r.command;
+    EXPECT_EQ(tool_.exit(), 1);
+    EXPECT_TRUE(tool_.runCommand(5, nullptr, nullptr));
+    EXPECT_EQ(tool_.dumpDiagnosticLog(), 1);
+    EXPECT_FALSE(tool_.clearOldDeviceBuffer());
+}
+
+TEST_F(Controller, OnlyChangedAudioSettingsAreWritten) {
+    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Run());
+    g_audio.clear();
+    ASSERT_EQ(tool_.CB_RegisterAudioInfo(OnAudio), 1);
+    AudioControl query;
+    query.query = 1;
+    ASSERT_TRUE(tool_.runCommand(kCommandAudio, &query, nullptr));
+    ASSERT_EQ(g_audio.size(), 1u);
+
+    AudioControl change = g_audio[0];
+    change.query = 0;
+    change.hpOutVolume = static_cast<uint8_t>(change.hpOutVolume + 1);
+    change.micInMute ^= 1;
+    auto& mcu = Device().Mcu(0);
+    const uint8_t registers[] = {0x1A, 0x18, 0x19, 0x12, 0x10, 0x11};  // in the record's order
+    std::vector<uint64_t> before;
+    for (uint8_t reg : registers) before.push_back(mcu.WritesOf(reg));
+    ASSERT_TRUE(tool_.runCommand(kCommandAudio, &change, nullptr));
+    const std::vector<uint64_t> expected = {0, 0, 1, 0, 1, 0};
+    for (size_t i = 0; i < std::size(registers); ++i)
+        EXPECT_EQ(mcu.WritesOf(registers[i]) - before[i], expected[i]) << int(registers[i]);
+    EXPECT_EQ(core_.AudioCache().hpOutVolume, change.hpOutVolume);
+    EXPECT_EQ(g_audio.size(), 1u);  // no report-back asked
+
+    // The same record again writes nothing.
+    ASSERT_TRUE(tool_.runCommand(kCommandAudio, &change, nullptr));
+    EXPECT_EQ(mcu.WritesOf(0x10) - before[4], 1u);
+}
+
+TEST_F(Controller, LightEffectsOnTheRgbChip) {
+    ASSERT_NO_FATAL_FAILURE(Start("Virtual0_ModelCode=6\n"));
+    ASSERT_NO_FATAL_FAILURE(Run());
+    auto* chip = Device().Mcu(0).RgbLight();
+    ASSERT_NE(chip, nullptr);
+    LightControlCommand light;
+    light.selector = 2;
+    light.first = 0x11, light.second = 0x22, light.third = 0x33;
+    struct Row {
+        uint8_t effect;
+        bool colour;
+    };
+    for (const Row row : {Row{4, false}, Row{1, true}, Row{7, true}, Row{13, false}}) {
+        const size_t from = chip->Writes().size();
+        light.effect = row.effect;
+        ASSERT_TRUE(tool_.runCommand(kCommandLight, &light, nullptr));
+        std::vector<std::vector<uint8_t>> writes(chip->Writes().begin() + from, chip->Writes().end());
+        bool colourSeen = false, effectSeen = false;
+        for (const auto& w : writes) {
+            if (w.size() == 17 && w[0] == 0x03 && w[1] == 0x0F) {
+                colourSeen = true;
+                EXPECT_EQ(std::vector<uint8_t>(w.begin() + 2, w.begin() + 5),
+                          (std::vector<uint8_t>{0x11, 0x33, 0x22}));  // first, third, second
+            }
+            if (w == std::vector<uint8_t>{0x03, 0x01, row.effect}) effectSeen = true;
+        }
+        EXPECT_EQ(colourSeen, row.colour) << int(row.effect);
+        EXPECT_TRUE(effectSeen) << int(row.effect);
+    }
+}
+
+TEST_F(Controller, DiagnosticFiles) {
+    ASSERT_NO_FATAL_FAILURE(Init("EnableLocalLogging=1\n"));
+    fs::create_directories("Diagnostic/tmp");
+    // No device: the tagged copy says so, with the tag in front when given.
+    DiagnosticRequest request;
+    request.collectInfo = true;
+    diagnostics::HandleRequest(core_, request);
+    request.email = "user@example.com";
+    request.describeContent = L"Bild bleibt schwarz \u00fc";
+    request.isAllowPrivacyToSendLog = true;
+    diagnostics::HandleRequest(core_, request);
+    std::vector<std::string> names;
+    for (const auto& f : FilesIn("Diagnostic/tmp")) names.push_back(f.string());
+    ASSERT_EQ(names.size(), 2u);
+    std::sort(names.begin(), names.end());
+    EXPECT_TRUE(std::regex_match(names[0], std::regex(R"(NoDevice,\d{4}-.*s\.txt)"))) << names[0];
+    EXPECT_TRUE(std::regex_match(names[1], std::regex(R"(user@example\.com,NoDevice,.*\.txt)")))
+        << names[1];
+    const std::string copy = korvsdk_test::ReadFile(fs::path("Diagnostic/tmp") / names[1]);
+    EXPECT_NE(copy.find("Email: user@example.com"), std::string::npos);
+    EXPECT_NE(copy.find("Bild bleibt schwarz \xC3\xBC"), std::string::npos);
+    EXPECT_NE(copy.find("isAllowPrivacyToSendLog: TRUE"), std::string::npos);
+    EXPECT_TRUE(korvsdk_test::MessageLog::All().find("Email:") == std::string::npos);  // file only
+
+    struct Model {
+        bool selected;
+        uint8_t model;
+        const char* prefix;
+    };
+    for (const Model m : {Model{true, 6, "TARNA,"}, Model{true, 16, "VELIS,"},
+                          Model{true, 14, "OSKA,"}, Model{true, 13, "PIRU,"},
+                          Model{true, 7, "NoDevice,"}, Model{false, 13, "NoDevice,"}})
+        EXPECT_STREQ(diagnostics::ModelPrefix(m.selected, m.model), m.prefix);
+
+    EXPECT_EQ(diagnostics::SummaryOf("Sound Devices\nx\n"), "");
+    EXPECT_EQ(diagnostics::SummaryOf("a\r\nb\nSound Devices\nc\n"), "a\nb\n");
+    EXPECT_EQ(diagnostics::SummaryOf("a\nSound Devices:\n"), "a\nSound Devices:\n");
+}
+
+TEST_F(Controller, LogDumpWithLoggingOffReportsIt) {
+    ASSERT_NO_FATAL_FAILURE(Start());  // EnableLocalLogging=0
+    EXPECT_FALSE(diagnostics::DumpLog(core_));
+    ASSERT_EQ(korvsdk_test::StateRecords().size(), 1u);
+    EXPECT_EQ(korvsdk_test::StateRecords()[0].message,
+              "[Dump_Log] ERROR: You have not Enable Local Logging...");
+}
+
+TEST_F(Controller, SystemReportIsSingleFlight) {
+#ifdef _WIN32
+    GTEST_SKIP() << "the report comes from the system's diagnostic tool, not run here";
+#endif
+    ASSERT_NO_FATAL_FAILURE(Init());
+    EXPECT_EQ(core_.SaveSystemReport(), 1);
+    EXPECT_EQ(core_.SaveSystemReport(), 1);  // busy or done: never a second worker at once
+    for (int i = 0; i < 400 && core_.m_systemReportBusy; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_FALSE(core_.m_systemReportBusy);
+    const std::string summary = korvsdk_test::ReadFile("dxdiagData.txt");
+    const std::string full = korvsdk_test::ReadFile("dxdiagData_full.txt");
+    EXPECT_EQ(summary, diagnostics::SummaryOf(full));
+    EXPECT_NE(full.find("Sound Devices"), std::string::npos);
+    EXPECT_EQ(summary.find("Sound Devices"), std::string::npos);
+    EXPECT_NE(summary.find("USB Devices"), std::string::npos);
+}
