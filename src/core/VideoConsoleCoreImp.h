@@ -14,7 +14,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -362,8 +361,6 @@ public:
     LightThread m_finishLights;
     LightThread m_updatingLights;
     std::atomic<bool> m_stopping{false};  // the core is going: every thread ends
-    std::mutex m_wakeMutex;
-    std::condition_variable m_wake;       // cuts a light thread's sleep short
     // One exchange with the device at a time: a light thread's LED write
     // must not land between the halves of the caller's I2C transaction.
     std::recursive_mutex m_exchangeLock;

@@ -1,8 +1,10 @@
 #include "firmware/lights.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <thread>
 
 #include "core/VideoConsoleCoreImp.h"
 #include "device/mcu_access.h"
@@ -44,10 +46,20 @@ bool JobGoesOn(const LightJob& job) {
     return *job.runWhile && !job.core->m_stopping && job.slot->generation == job.generation;
 }
 
-// Sleeps `ms`, or less when the thread is told to end.
+// Sleeps `ms`, or less when the thread is told to end: in slices, each
+// followed by a look at the orders. No condition variable: a thread ended
+// by the system at process exit, inside a wait, would leave it unusable
+// (a broadcast to it never returns with MinGW's threads), and the core's
+// destructor then runs after every other thread is gone. Light timing does
+// not need the device waits' precision, so a plain sleep serves.
 void SleepUnlessEnded(const LightJob& job, uint32_t ms) {
-    std::unique_lock lock(job.core->m_wakeMutex);
-    job.core->m_wake.wait_for(lock, std::chrono::milliseconds(ms), [&] { return !JobGoesOn(job); });
+    constexpr auto kSlice = std::chrono::milliseconds(10);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (JobGoesOn(job)) {
+        const auto left = deadline - std::chrono::steady_clock::now();
+        if (left <= std::chrono::steady_clock::duration::zero()) return;
+        std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(left, kSlice));
+    }
 }
 
 uint32_t RunLights(void* raw) {
@@ -77,17 +89,11 @@ uint32_t RunLights(void* raw) {
     return code;
 }
 
-void Wake(VideoConsoleCoreImp& core) {
-    { std::lock_guard lock(core.m_wakeMutex); }
-    core.m_wake.notify_all();
-}
-
 // Ends the slot's thread (a new generation) and waits for it.
 void EndThread(VideoConsoleCoreImp& core, VideoConsoleCoreImp::LightThread& slot) {
     ++slot.generation;
     if (slot.thread == nullptr) return;
-    Wake(core);
-    platform::JoinThread(slot.thread);
+    platform::JoinThread(slot.thread);  // within one slice
     slot.thread = nullptr;
 }
 
@@ -245,8 +251,7 @@ void StartUpdatingLights(VideoConsoleCoreImp& core) {
 }
 
 void EndFinishLights(VideoConsoleCoreImp& core) {
-    core.m_updateFinished = false;
-    Wake(core);
+    core.m_updateFinished = false;  // the thread ends within one slice
 }
 
 void StopLightThreads(VideoConsoleCoreImp& core, bool fromDestructor) {
@@ -256,14 +261,9 @@ void StopLightThreads(VideoConsoleCoreImp& core, bool fromDestructor) {
         return;
     }
     // The process may be exiting: on Windows its other threads are already
-    // gone and one of them may have died holding the wake mutex, so it is
-    // only tried. A thread that misses the wake-up sees the stop within one
-    // period.
+    // gone, and the joins return at once. Otherwise a thread sees the stop
+    // within one slice of its sleep.
     core.m_stopping = true;
-    {
-        std::unique_lock lock(core.m_wakeMutex, std::try_to_lock);
-    }
-    core.m_wake.notify_all();
     for (VideoConsoleCoreImp::LightThread* slot : {&core.m_finishLights, &core.m_updatingLights}) {
         platform::JoinThread(slot->thread);
         slot->thread = nullptr;

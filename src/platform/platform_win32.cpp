@@ -22,15 +22,6 @@ std::wstring Utf8ToWide(std::string_view text) {
     return wide;
 }
 
-std::string WideToUtf8(const wchar_t* text) {
-    const int length = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    if (length <= 1) return std::string();
-    std::string narrow(static_cast<size_t>(length), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text, -1, narrow.data(), length, nullptr, nullptr);
-    narrow.resize(static_cast<size_t>(length) - 1);
-    return narrow;
-}
-
 // A UTF-8 path as Windows wants it. A text that is not UTF-8 converts to
 // nothing, and nothing opens.
 std::wstring WidePath(const std::string& path) {
