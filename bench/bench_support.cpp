@@ -76,6 +76,22 @@ std::map<std::string, double> SpawnRun(const std::string& self, const std::strin
     return values;
 }
 
+std::vector<RunValues> RunSorted(const std::string& self, const std::string& arguments, int reps,
+                                 const std::string& name) {
+    std::vector<RunValues> runs;
+    for (int i = 0; i < reps; ++i) {
+        RunValues run = SpawnRun(self, arguments);
+        if (run.empty()) {
+            std::fprintf(stderr, "bench: case %s: a run failed\n", name.c_str());
+            return {};
+        }
+        runs.push_back(std::move(run));
+    }
+    std::sort(runs.begin(), runs.end(),
+              [](RunValues& a, RunValues& b) { return a["wall_ms"] < b["wall_ms"]; });
+    return runs;
+}
+
 double Median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     return values.empty() ? 0.0 : values[values.size() / 2];

@@ -43,6 +43,14 @@ bool ResetPeakRss();
 // line it prints into key -> value. Empty when the run failed.
 std::map<std::string, double> SpawnRun(const std::string& self, const std::string& arguments);
 
+using RunValues = std::map<std::string, double>;
+
+// Runs the case `reps` times (each SpawnRun) and returns the runs sorted by
+// their wall time, the median one at size() / 2. Empty, with a message
+// naming `name`, when a run failed.
+std::vector<RunValues> RunSorted(const std::string& self, const std::string& arguments, int reps,
+                                 const std::string& name);
+
 // The median of `values` (the upper one of an even count).
 double Median(std::vector<double> values);
 

@@ -140,21 +140,15 @@ int DriveMcuUpdate(const std::string& self, int reps) {
     constexpr uint32_t kLatencyMs = 1;
     int failures = 0;
     for (const Case& c : cases) {
-        std::vector<std::map<std::string, double>> runs;
-        for (int i = 0; i < reps; ++i) {
-            auto run = SpawnRun(self, "mcu " + std::to_string(c.bytes) + " " +
-                                          (c.realistic ? "realistic" : "none") + " " +
-                                          std::to_string(kLatencyMs));
-            if (run.empty()) {
-                std::fprintf(stderr, "bench: case %s: a run failed\n", c.name);
-                ++failures;
-                break;
-            }
-            runs.push_back(std::move(run));
+        auto runs = RunSorted(self,
+                              "mcu " + std::to_string(c.bytes) + " " +
+                                  (c.realistic ? "realistic" : "none") + " " +
+                                  std::to_string(kLatencyMs),
+                              reps, c.name);
+        if (runs.empty()) {
+            ++failures;
+            continue;
         }
-        if (runs.empty()) continue;
-        std::sort(runs.begin(), runs.end(),
-                  [](auto& a, auto& b) { return a["wall_ms"] < b["wall_ms"]; });
         auto& mid = runs[runs.size() / 2];
         PrintRatioLine(c.name, kLatencyMs, mid["transfers"], mid["wall_ms"],
                        mid["waits_ms"] + mid["transfers"] * kLatencyMs);

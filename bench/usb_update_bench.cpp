@@ -197,22 +197,13 @@ int DriveUsbUpdate(const std::string& self, int reps) {
     int failures = 0;
     for (const Case& c : cases) {
         for (const uint32_t latency : {0u, 1u}) {
-            std::vector<std::map<std::string, double>> runs;
-            for (int i = 0; i < reps; ++i) {
-                auto run = SpawnRun(self, std::string("usb ") + c.area + " " +
-                                              std::to_string(latency));
-                if (run.empty()) {
-                    std::fprintf(stderr, "bench: case %s latency %u: a run failed\n", c.name,
-                                 latency);
-                    ++failures;
-                    break;
-                }
-                runs.push_back(std::move(run));
+            auto runs = RunSorted(self, std::string("usb ") + c.area + " " + std::to_string(latency),
+                                  reps, std::string(c.name) + " latency " + std::to_string(latency));
+            if (runs.empty()) {
+                ++failures;
+                continue;
             }
-            if (runs.empty()) continue;
             // The run with the median wall time gives the first line.
-            std::sort(runs.begin(), runs.end(),
-                      [](auto& a, auto& b) { return a["wall_ms"] < b["wall_ms"]; });
             auto& mid = runs[runs.size() / 2];
             PrintRatioLine(c.name, latency, mid["transfers"], mid["wall_ms"],
                            mid["transfers"] * latency + kDeviceWaitsMs);
