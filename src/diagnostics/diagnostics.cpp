@@ -2,6 +2,7 @@
 
 #include <spdlog/spdlog.h>
 
+#include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -23,6 +24,8 @@ constexpr const char* kWaitingLine = "Wait system write Dxdiag...";
 constexpr const char* kTimeOutLine = "Wait WriteDxdiag time out!";
 constexpr uint16_t kReportPolls = 200;
 constexpr uint32_t kReportPollMs = 100;
+// Room for the model prefix and the time stamp within a file name's 255 bytes.
+constexpr size_t kMaxTagBytes = 128;
 
 // Paths are UTF-8 texts; Windows opens them as wide paths.
 fs::path PathOf(const std::string& utf8) {
@@ -52,6 +55,24 @@ void CopyLogInto(VideoConsoleCoreImp& core, const std::string& target, const std
         if (!line.empty() && line.back() == '\r') line.pop_back();
         if (!(out << line << '\n')) break;
     }
+}
+
+// The tag (the user's e-mail address) becomes part of a file name in the
+// copy folder: what no file name may hold (separators included, so the copy
+// never lands elsewhere) becomes '_', and a long tag is cut on a character
+// boundary so that the name can still be made.
+std::string FileNameTag(const std::string& tag) {
+    std::string name;
+    for (const char c : tag) {
+        const bool bad = static_cast<unsigned char>(c) < 0x20 || std::strchr("<>:\"/\\|?*", c);
+        name += bad ? '_' : c;
+    }
+    if (name.size() > kMaxTagBytes) {
+        size_t cut = kMaxTagBytes;
+        while (cut > 0 && (static_cast<unsigned char>(name[cut]) & 0xC0) == 0x80) --cut;
+        name.resize(cut);
+    }
+    return name;
 }
 
 void WriteText(const std::string& path, const std::string& text) {
@@ -147,7 +168,8 @@ void CopyLogTagged(VideoConsoleCoreImp& core, const std::string& tag) {
         std::string(ModelPrefix(core.m_selected, core.m_deviceModel)) + LocalTimeStamp() + ".txt";
     const std::string folder = Join("Diagnostic", "tmp");
     if (!fs::is_directory(PathOf(folder))) return;  // not made here
-    CopyLogInto(core, Join(folder, tag.empty() ? name : tag + "," + name), std::string());
+    CopyLogInto(core, Join(folder, tag.empty() ? name : FileNameTag(tag) + "," + name),
+                std::string());
     spdlog::drop("uvc_logger");
 }
 

@@ -194,7 +194,11 @@ bool ToolCoreControllerImp::parseLightControl(void* argument) {
 
 // The worker's handle is the core's, so that the core, when it goes, ends
 // the worker even if the controller was never deleted.
+// The preview-stopped flag is cleared here, before the worker exists: a
+// worker that cleared it itself could miss a stop that came before it ran
+// and wait out its whole 4.5 s.
 void ToolCoreControllerImp::runStopPreviewThread() {
+    core_->m_previewStopped = false;
     core_->m_previewThread = platform::StartThread(stopPreview, core_);
 }
 
@@ -207,7 +211,6 @@ void ToolCoreControllerImp::destroyStopPreviewThread() {
 
 uint32_t ToolCoreControllerImp::stopPreview(void* argument) {
     VideoConsoleCoreImp& core = *static_cast<VideoConsoleCoreImp*>(argument);
-    core.m_previewStopped = false;
     for (int poll = 0; poll < kStopPreviewPolls; ++poll) {
         platform::SleepMilliseconds(kStopPreviewPollMs);
         if (core.m_previewStopped || core.m_stopping) return 0;

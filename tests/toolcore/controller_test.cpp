@@ -173,6 +173,48 @@ TEST_F(Controller, DiagnosticFiles) {
     EXPECT_EQ(diagnostics::SummaryOf("a\nSound Devices:\n"), "a\nSound Devices:\n");
 }
 
+TEST_F(Controller, DiagnosticBadInput) {
+    ASSERT_NO_FATAL_FAILURE(Init("EnableLocalLogging=1\n"));
+    fs::create_directories("Diagnostic/tmp");
+    fs::create_directories("dumps");
+    korvsdk_test::WriteFile("plain.txt", "a file, not a folder");
+    // A tag with separators and far too long a name, a long description.
+    DiagnosticRequest request;
+    request.collectInfo = true;
+    request.email = "../up/" + std::string(5000, 'x');
+    request.describeContent = std::wstring(20000, L'\u00e9');
+    diagnostics::HandleRequest(core_, request);
+    const auto copies = FilesIn("Diagnostic/tmp");
+    ASSERT_EQ(copies.size(), 1u);
+    EXPECT_EQ(copies[0].string().rfind(".._up_xxx", 0), 0u) << copies[0];
+    EXPECT_LT(copies[0].string().size(), 200u);
+    EXPECT_FALSE(fs::exists("Diagnostic/up"));
+
+    // Dump folders that are missing or cannot be made: nothing written, no
+    // crash; a log that cannot be opened: an empty dump.
+    struct Row {
+        const wchar_t* folder;
+        const char* logPath;
+        const char* made;  // the folder expected to hold one empty dump, or null
+    };
+    const std::string log = core_.LogFilePath();
+    for (const Row& r : {Row{L"missing/folder", nullptr, nullptr},
+                         Row{L"plain.txt/sub", nullptr, nullptr},
+                         Row{L"dumps", "no/such.log", "dumps"}}) {
+        DiagnosticRequest dump;
+        dump.dumpLog = true;
+        dump.dumpFolder = r.folder;
+        core_.m_logFilePath = r.logPath ? r.logPath : log;
+        diagnostics::HandleRequest(core_, dump);
+        EXPECT_FALSE(fs::exists("missing"));
+        if (r.made == nullptr) continue;
+        const auto made = FilesIn(r.made);
+        ASSERT_EQ(made.size(), 1u);
+        EXPECT_EQ(fs::file_size(fs::path(r.made) / made[0]), 0u);
+    }
+    core_.m_logFilePath = log;
+}
+
 TEST_F(Controller, LogDumpWithLoggingOffReportsIt) {
     ASSERT_NO_FATAL_FAILURE(Start());  // EnableLocalLogging=0
     EXPECT_FALSE(diagnostics::DumpLog(core_));
