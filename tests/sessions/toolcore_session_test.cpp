@@ -7,10 +7,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,7 +65,7 @@ TEST(ToolCoreSession, DrivesTheDeviceThroughRunCommand) {
     korvsdk_test::WriteFile(folder.path() / "setting.cfg",
                             "EnableLocalLogging=1\nDevIDNum=1\nDevDrvID0=USB\\VID_FFF0&PID_0C01\n"
                             "FW_Overwrite=0\nUSB_Burn_Area=1\n" +
-                                korvsdk_test::PrepareSessionBackend(""));
+                                korvsdk_test::PrepareSessionBackend("Virtual0_McuWriteLog=mcu.txt\n"));
     std::unique_ptr<vc::ToolCoreInterface> tool(vc::createToolCore());
     ASSERT_EQ(tool->init(), 0);
     EXPECT_EQ(tool->CB_RegisterFirmwareUpdateInfo(OnFirmware), 1);
@@ -106,8 +108,22 @@ TEST(ToolCoreSession, DrivesTheDeviceThroughRunCommand) {
     change.reportBack = 1;
     change.hpOutVolume = static_cast<uint8_t>(g_audio[0].hpOutVolume + 3);
     change.micInMute = g_audio[0].micInMute == 0 ? 1 : 0;
+    const size_t logged = korvsdk_test::ReadFile(folder.path() / "mcu.txt").size();
     ASSERT_TRUE(tool->runCommand(vc::kCommandAudio, &change, nullptr));
     ASSERT_EQ(g_audio.size(), 2u);
+    // Only the two changed settings reach the device (mic mute 0x19 before
+    // headphone volume 0x10, in the record's order); the save (0xBC) follows.
+    std::vector<std::string> audioWrites;
+    std::istringstream writes(korvsdk_test::ReadFile(folder.path() / "mcu.txt").substr(logged));
+    for (std::string line; std::getline(writes, line);) {
+        const std::string reg = line.substr(0, 2);
+        if (reg == "10" || reg == "11" || reg == "12" || reg == "18" || reg == "19" || reg == "1A")
+            audioWrites.push_back(line);
+    }
+    char hp[8], mic[8];
+    std::snprintf(hp, sizeof hp, "10 %02X", change.hpOutVolume);
+    std::snprintf(mic, sizeof mic, "19 %02X", change.micInMute);
+    EXPECT_EQ(audioWrites, (std::vector<std::string>{mic, hp}));
     EXPECT_EQ(g_audio[1].hpOutVolume, change.hpOutVolume);
     EXPECT_EQ(g_audio[1].micInMute, change.micInMute);
     EXPECT_EQ(g_audio[1].auxInVolume, g_audio[0].auxInVolume);

@@ -109,6 +109,7 @@ void ReadMcuKeys(const SettingsTable& settings, const std::string& p, VirtualDev
     SetFlag(settings, p + "LineInPlugged", mcu.lineInPlugged);
     SetFlag(settings, p + "VideoLocked", mcu.videoLocked);
     SetFlag(settings, p + "HdmiSource", mcu.hdmiSourcePresent);
+    SetText(settings, p + "McuWriteLog", mcu.writeLogPath);
 
     McuTimings& t = mcu.timings;
     t.restartNackMs = kDefaultRestartNackMs;

@@ -1,7 +1,9 @@
 #include "virtual/mcu/virtual_mcu.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "virtual/mcu/mcu_image.h"
 
@@ -169,8 +171,25 @@ void VirtualMcu::Advance(uint32_t milliseconds) {
 
 // ---------------------------------------------------------------- I2C
 
+void VirtualMcu::AppendWriteLog(const uint8_t* data, size_t count) const {
+    std::string line;
+    char byte[4];
+    for (size_t i = 0; i < count && i < 9; ++i) {
+        std::snprintf(byte, sizeof byte, i == 0 ? "%02X" : " %02X", data[i]);
+        line += byte;
+    }
+    if (count > 9) line += " ...";
+    if (FILE* file = std::fopen(config_.writeLogPath.c_str(), "ab")) {
+        std::fprintf(file, "%s\n", line.c_str());
+        std::fclose(file);
+    }
+}
+
 bool VirtualMcu::Write(const uint8_t* data, size_t count) {
-    if (count >= 2) ++writesAddressed_[data[0]];
+    if (count >= 2) {
+        ++writesAddressed_[data[0]];
+        if (!config_.writeLogPath.empty()) AppendWriteLog(data, count);
+    }
     if (Nacked(data, count)) return false;
     if (count == 0) return true;
     if (count == 1) {  // register pointer for a following plain read

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -74,6 +75,12 @@ struct VirtualMcuConfig {
     bool rgbLight = false;       // the RGB light chip of models 6 and 8 (bus 2, 0xCE)
 
     McuTimings timings;
+
+    // When set, every register write that reaches the microcontroller is
+    // appended to this file as one line of hex bytes (register, then up to
+    // eight data bytes), so that a client of the library can see what its
+    // calls sent to the device.
+    std::string writeLogPath;
 };
 
 // Faults the tests switch on and off at any time.
@@ -231,6 +238,7 @@ private:
     uint8_t ReadBootloaderRegister(uint8_t reg) const;
     bool BlAddressRange(uint32_t address, uint32_t pages) const;
 
+    void AppendWriteLog(const uint8_t* data, size_t count) const;
     void FinishSave();
     void FinishBridge();
     void FinishBootloaderOp();
