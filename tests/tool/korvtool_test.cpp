@@ -115,7 +115,7 @@ TEST_F(KorvtoolHelp, ProgramHelpNamesEveryCommandAndGlobalOption) {
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.err, "");
     for (const char* word : {"list", "info", "audio", "hdmi-info", "usb-info", "mcu-info", "save",
-                             "boot-mode", "--config PATH", "--virtual", "--device N|SERIAL",
+                             "boot-mode", "update", "make-image", "--config PATH", "--virtual", "--device N|SERIAL",
                              "--json", "--verbose", "Exit status: 0 success"})
         EXPECT_TRUE(Contains(result.out, word)) << word;
 }
@@ -125,7 +125,8 @@ TEST_F(KorvtoolHelp, EveryCommandHasItsOwnHelp) {
     for (const std::vector<std::string>& command :
          {std::vector<std::string>{"list"}, {"info"}, {"audio"}, {"audio", "set"}, {"hdmi-info"},
           {"usb-info"}, {"mcu-info"}, {"save"}, {"boot-mode"}, {"boot-mode", "check"},
-          {"boot-mode", "enter"}}) {
+          {"boot-mode", "enter"}, {"update", "usb"}, {"update", "mcu"}, {"make-image", "usb"},
+          {"make-image", "mcu"}}) {
         std::vector<std::string> args = command;
         args.push_back("--help");
         const ProcessResult result = Run(args);
@@ -523,6 +524,108 @@ TEST_F(KorvtoolQueries, McuInfoShowsRegistersAndEdid) {
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_TRUE(Contains(result.out, "Microcontroller registers")) << result.out;
     EXPECT_TRUE(Contains(result.out, "HDMI splitter EDID (TX port 1): valid")) << result.out;
+}
+
+
+// ---- update and make-image ------------------------------------------------
+
+class KorvtoolUpdate : public Korvtool {
+protected:
+    // An image from korvtool make-image in the working folder.
+    void Make(const std::vector<std::string>& args) {
+        std::vector<std::string> all = {"make-image"};
+        all.insert(all.end(), args.begin(), args.end());
+        const ProcessResult made = Run(all);
+        ASSERT_EQ(made.exitCode, 0) << made.err;
+    }
+};
+
+TEST_F(KorvtoolUpdate, WritesBothKindsWithProgressLines) {
+    ASSERT_NO_FATAL_FAILURE(Make({"usb", "new.hex"}));
+    ASSERT_NO_FATAL_FAILURE(Make({"mcu", "new.bin"}));
+    struct Row {
+        const char* kind;
+        const char* file;
+        const char* writing;
+    };
+    for (const Row row : {Row{"usb", "new.hex", "Writing"}, Row{"mcu", "new.bin", "Programming"}}) {
+        const ProcessResult result = Run({"--virtual", "update", row.kind, row.file});
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(result.err, "");
+        // Standard output is no terminal here: plain lines, no carriage returns.
+        EXPECT_FALSE(Contains(result.out, "\r"));
+        for (const char* word : {"Preparing", row.writing, "Verifying", "Update completed",
+                                 "Re-plug the device"})
+            EXPECT_TRUE(Contains(result.out, word)) << row.kind << ": " << word;
+    }
+}
+
+TEST_F(KorvtoolUpdate, JsonIsOneEventPerLine) {
+    ASSERT_NO_FATAL_FAILURE(Make({"usb", "new.hex"}));
+    const ProcessResult result = Run({"--virtual", "--json", "update", "usb", "new.hex"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    std::vector<json> events;
+    for (const std::string& line : Lines(result.out)) ASSERT_NO_THROW(events.push_back(json::parse(line))) << line;
+    ASSERT_GE(events.size(), 3u);
+    EXPECT_EQ(events.front()["event"], "start");
+    EXPECT_EQ(events.front()["file_version"], "01.00.02.00.0000");
+    EXPECT_EQ(events.back()["event"], "end");
+    EXPECT_EQ(events.back()["state"], "UpdateCompleted");
+    EXPECT_EQ(events.back()["ok"], true);
+    double last = -1;
+    for (size_t i = 1; i + 1 < events.size(); ++i) {
+        EXPECT_EQ(events[i]["event"], "progress");
+        if (events[i]["phase"] == "Writing") {
+            EXPECT_GE(events[i]["percent"].get<double>(), last);
+            last = events[i]["percent"].get<double>();
+        }
+    }
+    EXPECT_GT(last, 50.0);
+}
+
+TEST_F(KorvtoolUpdate, RefusedFilesSayWhyAndChangeNothing) {
+    ASSERT_NO_FATAL_FAILURE(Make({"usb", "old.hex", "--version", "01.00.00.01.0000"}));
+    ASSERT_NO_FATAL_FAILURE(Make({"usb", "other.hex", "--pid", "0x0C02"}));
+    ASSERT_NO_FATAL_FAILURE(Make({"mcu", "other.bin", "--device-type", "6"}));
+    korvsdk_test::WriteFile(WorkFolder() / "text.hex", "not an image");
+    struct Row {
+        std::vector<std::string> args;
+        int status;
+        const char* part;
+    };
+    const Row rows[] = {
+        {{"usb", "old.hex"}, 1, "add --force"},
+        {{"usb", "other.hex"}, 1, "made for another device"},
+        {{"mcu", "other.bin"}, 1, "made for another device"},
+        {{"usb", "text.hex"}, 1, "was refused"},
+        {{"usb", "missing.hex"}, 2, "'missing.hex' does not exist"},
+    };
+    for (const Row& row : rows) {
+        std::vector<std::string> args = {"--virtual", "update"};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        SCOPED_TRACE(row.part);
+        ExpectErrorLine(Run(args), row.status, row.part);
+    }
+    // Forced, the older image is written, with a warning.
+    const ProcessResult forced = Run({"--virtual", "update", "usb", "old.hex", "--force"});
+    EXPECT_EQ(forced.exitCode, 0) << forced.err;
+    EXPECT_TRUE(Contains(forced.err, "warning: --force")) << forced.err;
+}
+
+TEST_F(KorvtoolUpdate, AFailureMidwayIsExitOne) {
+    ASSERT_NO_FATAL_FAILURE(Make({"usb", "new.hex"}));
+    // The device goes away after a few hundred transfers of the write.
+    const std::string cfg = Settings(kOneDevice + "FW_Overwrite=0\nVirtual0_UnplugAfter=400\n");
+    const ProcessResult result = Run({"--config", cfg, "--json", "update", "usb", "new.hex"});
+    EXPECT_EQ(result.exitCode, 1);
+    const std::vector<std::string> lines = Lines(result.out);
+    ASSERT_GE(lines.size(), 2u);
+    const json end = json::parse(lines[lines.size() - 2]);
+    EXPECT_EQ(end["state"], "UpdateFailed");
+    const json error = json::parse(lines.back());
+    EXPECT_EQ(error["event"], "error");
+    EXPECT_EQ(error["exit_code"], 1);
+    EXPECT_TRUE(Contains(result.err, "update failed")) << result.err;
 }
 
 }  // namespace

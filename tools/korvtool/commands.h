@@ -18,6 +18,7 @@ namespace korvtool {
 struct CommandResult {
     nlohmann::ordered_json json = nlohmann::ordered_json::object();
     std::string text;  // lines ending in '\n'
+    bool jsonStreamed = false;  // with --json the command printed its own events
 };
 
 struct AudioControl {

@@ -1,6 +1,7 @@
 // korvtool: a console program over the library's exported C API. It lists
 // the capture devices, shows their information and states, sets their audio
-// controls and switches the microcontroller into boot mode.
+// controls, switches the microcontroller into boot mode, updates the
+// firmware and makes images to try updates on the virtual device.
 //
 //   korvtool [--config PATH | --virtual] [--device N|SERIAL] [--json] [--verbose] COMMAND
 //
@@ -15,7 +16,17 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "make_image.h"
 #include "session.h"
+#include "update.h"
+
+#ifdef _WIN32
+#include <io.h>
+#define KORVTOOL_ISATTY(f) _isatty(_fileno(f))
+#else
+#include <unistd.h>
+#define KORVTOOL_ISATTY(f) isatty(fileno(f))
+#endif
 
 namespace {
 
@@ -60,6 +71,10 @@ struct CommandLine {
     std::string device;
     std::string controlName;
     std::string valueText;
+    std::string file;
+    bool force = false;
+    korvtool::UsbImageRequest usbImage;
+    korvtool::McuImageRequest mcuImage;
     CLI::Option* configOption = nullptr;
     CLI::Option* deviceOption = nullptr;
 
@@ -173,6 +188,60 @@ CommandLine::CommandLine() {
     Command(*bootMode, "enter",
                         "Switch the microcontroller into boot mode, ready for a firmware update",
                         kGlobalOptionsNote);
+
+    const std::string updateFooter =
+        std::string("The file is checked against the device first (its VID/PID or device type "
+                    "and a version\nnot older than the device's); a refused file changes "
+                    "nothing. The progress shows the\nphase (Preparing, Writing or "
+                    "Programming, Verifying), a bar, the rate and the time left;\nwith --json "
+                    "one event per line (start, progress, end). Ctrl-C does not stop the "
+                    "write:\nthe update must finish. Re-plug the device afterwards to run the "
+                    "new firmware.\nExit status 0 only when the update completed.\n") +
+        kGlobalOptionsNote;
+    CLI::App* update = Command(app, "update", "Write a firmware image into the device",
+                               updateFooter);
+    update->require_subcommand(0, 1);
+    for (const bool mcu : {false, true}) {
+        CLI::App* target =
+            Command(*update, mcu ? "mcu" : "usb",
+                    mcu ? "Program the board microcontroller with a *.bin program image"
+                        : "Write a *.hex flash image into the USB bridge's flash",
+                    updateFooter);
+        target->add_option("FILE", file, mcu ? "The program image (*.bin)" : "The flash image (*.hex)")
+            ->required();
+        target->add_flag("--force", force,
+                         "Write the file even if it is older or made for another device\n"
+                         "(FW_Overwrite=99 for this run only)");
+    }
+
+    const std::string imageFooter =
+        std::string("Images for trying updates on the virtual device (korvtool --virtual update "
+                    "...): by\ndefault newer than the virtual device's firmware and made for "
+                    "it.\n") +
+        kGlobalOptionsNote;
+    CLI::App* makeImage =
+        Command(app, "make-image", "Write a test firmware image for the virtual device", imageFooter);
+    makeImage->require_subcommand(0, 1);
+    CLI::App* usbImageCommand =
+        Command(*makeImage, "usb", "Write an 8 MiB USB flash image (*.hex)", imageFooter);
+    usbImageCommand->add_option("FILE", usbImage.file, "Where to write it")->required();
+    usbImageCommand->add_option("--version", usbImage.version, "Version text")
+        ->capture_default_str();
+    usbImageCommand->add_option("--vid", usbImage.vid, "USB vendor ID (0x... for hex)")
+        ->capture_default_str();
+    usbImageCommand->add_option("--pid", usbImage.pid, "USB product ID (0x... for hex)")
+        ->capture_default_str();
+    CLI::App* mcuImageCommand =
+        Command(*makeImage, "mcu", "Write a microcontroller program image (*.bin)", imageFooter);
+    mcuImageCommand->add_option("FILE", mcuImage.file, "Where to write it")->required();
+    mcuImageCommand->add_option("--version", mcuImage.version, "Firmware version number, 0 to 255")
+        ->capture_default_str();
+    mcuImageCommand->add_option("--device-type", mcuImage.deviceType, "Device type, 0 to 255")
+        ->capture_default_str();
+    mcuImageCommand->add_option("--codec", mcuImage.codec, "Codec / board variant, 0 to 255")
+        ->capture_default_str();
+    mcuImageCommand->add_option("--size", mcuImage.size, "Image size in bytes")
+        ->capture_default_str();
 }
 
 void PrintError(const std::string& command, const std::string& text, int status, bool json) {
@@ -180,7 +249,14 @@ void PrintError(const std::string& command, const std::string& text, int status,
     if (json) {
         const nlohmann::ordered_json doc = {
             {"command", command}, {"ok", false}, {"error", text}, {"exit_code", status}};
-        std::printf("%s\n", doc.dump(2).c_str());
+        // An update streams one event per line; its error is one more.
+        if (command.rfind("update", 0) == 0) {
+            nlohmann::ordered_json event = {{"event", "error"}};
+            event.update(doc);
+            std::printf("%s\n", event.dump().c_str());
+        } else {
+            std::printf("%s\n", doc.dump(2).c_str());
+        }
     }
 }
 
@@ -229,6 +305,32 @@ std::function<CommandResult(Session&)> PrepareCommand(const CommandLine& cli,
         throw korvtool::UsageError(
             "boot-mode needs check or enter (run 'korvtool boot-mode --help')");
     }
+    if (name == "update usb" || name == "update mcu") {
+        korvtool::UpdateRequest request{name == "update mcu", cli.file, cli.force};
+        const bool json = cli.json;
+        return [choice, request, json](Session& s) {
+            const auto mode = json ? korvtool::DisplayMode::kJson
+                              : KORVTOOL_ISATTY(stdout) ? korvtool::DisplayMode::kTerminal
+                                                        : korvtool::DisplayMode::kLines;
+            korvtool::ProgressDisplay display(mode, stdout, stderr);
+            s.SetLinePrinter([&display](const std::string& line) { display.Note(line); });
+            try {
+                korvtool::CommandResult result = korvtool::RunUpdate(s, choice, request, display);
+                s.SetLinePrinter(nullptr);
+                result.jsonStreamed = json;
+                return result;
+            } catch (...) {
+                s.SetLinePrinter(nullptr);
+                throw;
+            }
+        };
+    }
+    if (name == "update")
+        throw korvtool::UsageError("update needs usb FILE or mcu FILE (run 'korvtool update --help')");
+    if (name == "make-image") {
+        throw korvtool::UsageError(
+            "make-image needs usb FILE or mcu FILE (run 'korvtool make-image --help')");
+    }
     throw korvtool::UsageError("no command given: run 'korvtool --help' for the commands");
 }
 
@@ -254,13 +356,34 @@ int main(int argc, char** argv) {
 
     const std::string command = cli.Given();
     try {
+        // Image making needs neither the library nor a device.
+        if (command == "make-image usb" || command == "make-image mcu") {
+            const CommandResult result = command == "make-image usb"
+                                             ? korvtool::MakeUsbImage(cli.usbImage)
+                                             : korvtool::MakeMcuImage(cli.mcuImage);
+            if (cli.json) {
+                nlohmann::ordered_json doc = {{"command", command}, {"ok", true}};
+                doc.update(result.json);
+                std::printf("%s\n", doc.dump(2).c_str());
+            } else {
+                std::fputs(result.text.c_str(), stdout);
+            }
+            return korvtool::kExitSuccess;
+        }
         const std::function<CommandResult(Session&)> run = PrepareCommand(cli, command);
         Session session(cli.verbose);
         korvtool::SettingsSource source;
         if (cli.configOption->count() > 0) source.configPath = cli.configPath;
         source.useVirtual = cli.useVirtual;
+        if (cli.force) {
+            source.overrides.push_back("FW_Overwrite=99");
+            std::fprintf(stderr, "korvtool: warning: --force: the file is written even if it is "
+                                 "older or made for another device (FW_Overwrite=99 for this "
+                                 "run only)\n");
+        }
         session.Open(source);
         const CommandResult result = run(session);
+        if (result.jsonStreamed) return korvtool::kExitSuccess;
         if (cli.json) {
             nlohmann::ordered_json doc = {{"command", command}, {"ok", true}};
             doc.update(result.json);

@@ -2,6 +2,9 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
 #include <system_error>
 
 #include "errors.h"
@@ -12,9 +15,12 @@ namespace korvtool {
 namespace {
 
 // The library calls plain C functions; they reach the one session of the
-// process through this record.
+// process through this record. An update's texts come from the library's
+// own thread, hence the lock.
 struct Channel {
+    std::mutex mutex;
     bool verbose = false;
+    std::function<void(const std::string&)> printer;
     std::vector<std::string> debugTexts;
     std::vector<std::string> messages;
 };
@@ -23,6 +29,7 @@ Channel g_channel;
 void OnDebugText(const char* text) {
     if (text == nullptr) return;
     std::string copy(text);
+    std::lock_guard lock(g_channel.mutex);
     if (g_channel.verbose) {
         // One "[library]" line per line of the text, whether or not the
         // library ended it with a newline.
@@ -30,7 +37,12 @@ void OnDebugText(const char* text) {
         while (start < copy.size()) {
             size_t end = copy.find('\n', start);
             if (end == std::string::npos) end = copy.size();
-            std::fprintf(stderr, "[library] %s\n", copy.substr(start, end - start).c_str());
+            const std::string line = "[library] " + copy.substr(start, end - start);
+            if (g_channel.printer) {
+                g_channel.printer(line);
+            } else {
+                std::fprintf(stderr, "%s\n", line.c_str());
+            }
             start = end + 1;
         }
         std::fflush(stderr);
@@ -40,8 +52,30 @@ void OnDebugText(const char* text) {
 
 void OnDeviceState(DeviceStateInfo* info) {
     // The record belongs to the library: keep a copy of the text only.
-    if (info != nullptr && info->message != nullptr && info->message[0] != '\0')
-        g_channel.messages.emplace_back(info->message);
+    if (info == nullptr || info->message == nullptr || info->message[0] == '\0') return;
+    std::lock_guard lock(g_channel.mutex);
+    g_channel.messages.emplace_back(info->message);
+}
+
+// `text` with the lines of the keys that `overrides` set replaced by them.
+std::string WithOverrides(const std::string& text, const std::vector<std::string>& overrides) {
+    std::istringstream in(text);
+    std::string out;
+    for (std::string line; std::getline(in, line);) {
+        bool replaced = false;
+        for (const std::string& o : overrides)
+            replaced = replaced || line.compare(0, o.find('=') + 1, o, 0, o.find('=') + 1) == 0;
+        if (!replaced) out += line + "\n";
+    }
+    for (const std::string& o : overrides) out += o + "\n";
+    return out;
+}
+
+std::string ReadWhole(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
 std::string TrimLines(std::string text) {
@@ -71,10 +105,15 @@ Session::Session(bool verbose) {
     KORVSDK_Open_CB_Device_StateInfo(OnDeviceState);
 }
 
+// After the session the library still says goodbye as it unloads (the
+// update lights' threads end then); korvtool's output is finished, and its
+// own objects may be gone by that time.
+static void Quiet(const char*) {}
+
 Session::~Session() {
     KORVSDK_Free_DeviceList(&list_, &count_);
     KORVSDK_Close_CB_Device_StateInfo();
-    KORVSDK_Set_Debug_Output_Handler(nullptr);
+    KORVSDK_Set_Debug_Output_Handler(Quiet);
 }
 
 void Session::Open(const SettingsSource& source) {
@@ -82,7 +121,8 @@ void Session::Open(const SettingsSource& source) {
     bool initialised = false;
     if (source.useVirtual) {
         settingsName_ = "the built-in virtual settings";
-        const TemporarySettingsFile file(BuiltInVirtualSettings());
+        settingsText_ = WithOverrides(BuiltInVirtualSettings(), source.overrides);
+        const TemporarySettingsFile file(settingsText_);
         initialised = KORVSDK_Init(file.Path().c_str()) != 0;
     } else {
         // The library falls back to setting.cfg in the working folder when
@@ -98,7 +138,15 @@ void Session::Open(const SettingsSource& source) {
                              "--config PATH, or try the virtual device with --virtual");
         }
         settingsName_ = path;
-        initialised = KORVSDK_Init(path.c_str()) != 0;
+        settingsText_ = ReadWhole(path);
+        if (source.overrides.empty()) {
+            initialised = KORVSDK_Init(path.c_str()) != 0;
+        } else {
+            // A copy with the overrides: the user's file stays as it is.
+            settingsText_ = WithOverrides(settingsText_, source.overrides);
+            const TemporarySettingsFile file(settingsText_);
+            initialised = KORVSDK_Init(file.Path().c_str()) != 0;
+        }
     }
     if (!initialised) {
         throw Failure("the library could not be initialised" + Quote(LastWords()));
@@ -138,7 +186,25 @@ size_t Session::Select(const std::optional<std::string>& choice) {
     return index;
 }
 
+std::optional<std::string> Session::Setting(const std::string& key) const {
+    std::istringstream in(settingsText_);
+    std::optional<std::string> value;
+    for (std::string line; std::getline(in, line);) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (line.size() > key.size() && line.compare(0, key.size(), key) == 0 &&
+            line[key.size()] == '=')
+            value = line.substr(key.size() + 1);
+    }
+    return value;
+}
+
+void Session::SetLinePrinter(std::function<void(const std::string&)> printer) {
+    std::lock_guard lock(g_channel.mutex);
+    g_channel.printer = std::move(printer);
+}
+
 void Session::BeginCall() {
+    std::lock_guard lock(g_channel.mutex);
     g_channel.debugTexts.clear();
     g_channel.messages.clear();
 }
@@ -146,6 +212,7 @@ void Session::BeginCall() {
 const std::vector<std::string>& Session::Messages() const { return g_channel.messages; }
 
 std::string Session::LastWords() const {
+    std::lock_guard lock(g_channel.mutex);
     std::string words;
     for (const std::string& message : g_channel.messages) {
         if (!words.empty()) words += "; ";

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,6 +20,8 @@ namespace korvtool {
 struct SettingsSource {
     std::optional<std::string> configPath;  // --config
     bool useVirtual = false;                // --virtual
+    // "Key=Value" lines that replace those keys for this run only.
+    std::vector<std::string> overrides;
 };
 
 class Session {
@@ -43,6 +46,14 @@ public:
     // The settings file as named in hints: its path, or the built-in ones.
     const std::string& SettingsName() const { return settingsName_; }
 
+    // The value of a key in the settings the library was given.
+    std::optional<std::string> Setting(const std::string& key) const;
+
+    // With --verbose, the library's texts go to `printer` (one line each)
+    // instead of straight to standard error; empty restores that. They may
+    // come from the library's threads.
+    void SetLinePrinter(std::function<void(const std::string&)> printer);
+
     // Starts a fresh record of what the library says: the texts of the call
     // that follows.
     void BeginCall();
@@ -54,6 +65,7 @@ public:
 
 private:
     std::string settingsName_;  // how the settings are named in hints
+    std::string settingsText_;  // what the library was given
     DeviceEntry* list_ = nullptr;
     uint16_t count_ = 0;
     std::vector<DeviceInfo> devices_;

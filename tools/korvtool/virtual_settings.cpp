@@ -13,6 +13,7 @@ std::string BuiltInVirtualSettings() {
     // PID 0C01, serial VC00000001) and a locked 1080p60 HDMI input.
     return "DeviceBackend=virtual\n"
            "EnableLocalLogging=0\n"
+           "FW_Overwrite=0\n"
            "DevIDNum=1\n"
            "DevDrvID0=USB\\VID_FFF0&PID_0C01\n"
            "VirtualDeviceCount=1\n"
