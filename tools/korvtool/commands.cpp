@@ -46,13 +46,6 @@ CommandResult StartOnDevice(Session& session, const DeviceChoice& choice) {
     return result;
 }
 
-// A text from one of the library's string getters, released.
-std::string TakeText(char* text) {
-    std::string copy = text != nullptr ? text : "";
-    KORVSDK_Free_PeCHAR(&text);
-    return copy;
-}
-
 const char* BootModeName(int mode) {
     switch (mode) {
         case 0: return "application";

@@ -222,26 +222,23 @@ CommandLine::CommandLine() {
     CLI::App* makeImage =
         Command(app, "make-image", "Write a test firmware image for the virtual device", imageFooter);
     makeImage->require_subcommand(0, 1);
+    // Every image option shows its default in the help.
+    const auto option = [](CLI::App* command, const char* name, auto& field, const char* text) {
+        command->add_option(name, field, text)->capture_default_str();
+    };
     CLI::App* usbImageCommand =
         Command(*makeImage, "usb", "Write an 8 MiB USB flash image (*.hex)", imageFooter);
     usbImageCommand->add_option("FILE", usbImage.file, "Where to write it")->required();
-    usbImageCommand->add_option("--version", usbImage.version, "Version text")
-        ->capture_default_str();
-    usbImageCommand->add_option("--vid", usbImage.vid, "USB vendor ID (0x... for hex)")
-        ->capture_default_str();
-    usbImageCommand->add_option("--pid", usbImage.pid, "USB product ID (0x... for hex)")
-        ->capture_default_str();
+    option(usbImageCommand, "--version", usbImage.version, "Version text");
+    option(usbImageCommand, "--vid", usbImage.vid, "USB vendor ID (0x... for hex)");
+    option(usbImageCommand, "--pid", usbImage.pid, "USB product ID (0x... for hex)");
     CLI::App* mcuImageCommand =
         Command(*makeImage, "mcu", "Write a microcontroller program image (*.bin)", imageFooter);
     mcuImageCommand->add_option("FILE", mcuImage.file, "Where to write it")->required();
-    mcuImageCommand->add_option("--version", mcuImage.version, "Firmware version number, 0 to 255")
-        ->capture_default_str();
-    mcuImageCommand->add_option("--device-type", mcuImage.deviceType, "Device type, 0 to 255")
-        ->capture_default_str();
-    mcuImageCommand->add_option("--codec", mcuImage.codec, "Codec / board variant, 0 to 255")
-        ->capture_default_str();
-    mcuImageCommand->add_option("--size", mcuImage.size, "Image size in bytes")
-        ->capture_default_str();
+    option(mcuImageCommand, "--version", mcuImage.version, "Firmware version number, 0 to 255");
+    option(mcuImageCommand, "--device-type", mcuImage.deviceType, "Device type, 0 to 255");
+    option(mcuImageCommand, "--codec", mcuImage.codec, "Codec / board variant, 0 to 255");
+    option(mcuImageCommand, "--size", mcuImage.size, "Image size in bytes");
 }
 
 void PrintError(const std::string& command, const std::string& text, int status, bool json) {

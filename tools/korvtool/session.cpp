@@ -93,6 +93,12 @@ std::string SafeText(const char* text) { return text != nullptr ? text : ""; }
 
 }  // namespace
 
+std::string TakeText(char* text) {
+    std::string copy = text != nullptr ? text : "";
+    KORVSDK_Free_PeCHAR(&text);
+    return copy;
+}
+
 std::string Quote(const std::string& words) {
     return words.empty() ? "" : " (the library says: " + words + ")";
 }

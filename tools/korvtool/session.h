@@ -71,6 +71,9 @@ private:
     std::vector<DeviceInfo> devices_;
 };
 
+// A text from one of the library's string getters, released.
+std::string TakeText(char* text);
+
 // " (the library says: WORDS)" for a non-empty text, else "".
 std::string Quote(const std::string& words);
 

@@ -1,6 +1,5 @@
 #include "update.h"
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -107,12 +106,6 @@ private:
 };
 
 // ---- The file check -----------------------------------------------------------
-
-std::string TakeText(char* text) {
-    std::string copy = text != nullptr ? text : "";
-    KORVSDK_Free_PeCHAR(&text);
-    return copy;
-}
 
 // What to do about a refused file, after the library's reason.
 std::string Advice(const Session& session, const std::string& reason, bool mcu) {
