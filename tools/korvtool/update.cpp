@@ -1,5 +1,6 @@
 #include "update.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -83,9 +84,12 @@ public:
 
 // ---- Ctrl-C -------------------------------------------------------------------
 
-volatile std::sig_atomic_t g_interrupts = 0;
+// Lock-free, so safe in a signal handler; on Windows the handler runs on a
+// thread of its own.
+std::atomic<int> g_interrupts{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 extern "C" void OnInterrupt(int) {
-    g_interrupts = g_interrupts + 1;
+    ++g_interrupts;
     std::signal(SIGINT, OnInterrupt);  // some C libraries reset the handler
 }
 
@@ -190,7 +194,7 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
     auto idleSince = std::chrono::steady_clock::now();
     for (;;) {
         if (g_interrupts != warned) {
-            warned = g_interrupts;
+            warned = g_interrupts.load();
             display.Note("korvtool: the device is being written and the update must finish: "
                          "stopping now could leave it unable to start. Waiting for the end...");
         }
