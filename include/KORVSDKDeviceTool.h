@@ -154,6 +154,19 @@ KORVSDK_API KORVSDK_BOOL KORVSDK_Free_PeCHAR(char** text);
  * gates the handler exactly as it gates the platform channel. Returns 1. */
 KORVSDK_API int KORVSDK_Set_Debug_Output_Handler(KORVSDK_DebugOutputHandler handler);
 
+/* Extension: reads the selected device's whole USB flash (the bridge chip's
+ * SPI flash) into `path` as a flash image (*.hex) that
+ * KORVSDK_Set_USB_HexFile accepts, so that the device can be put back as it
+ * was. Returns when the read has ended; refused (0) before KORVSDK_Init and
+ * a selection, for a NULL or empty path, and while an update or another read
+ * runs (the device is in the updating state meanwhile, so the update guard
+ * refuses other operations). Progress goes to the firmware-update-state
+ * callback: state "Reading" with percent, then "ReadCompleted" or
+ * "ReadFailed" with the reason in `message`. The image is written to
+ * `path` + ".part" and renamed to `path` only when complete; after a
+ * failure no file is left behind and an earlier file at `path` is kept. */
+KORVSDK_API KORVSDK_BOOL KORVSDK_Read_USB_Flash(const char* path);
+
 #ifdef __cplusplus
 }
 #endif

@@ -193,4 +193,6 @@ int KORVSDK_Set_Debug_Output_Handler(KORVSDK_DebugOutputHandler handler) {
     return 1;
 }
 
+KORVSDK_BOOL KORVSDK_Read_USB_Flash(const char* path) { return g_VC_Core.ReadUsbFlash(path); }
+
 }  // extern "C"

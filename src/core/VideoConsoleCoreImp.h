@@ -205,6 +205,9 @@ public:
     // The preparation behind both starts of a kind, once the device state
     // is 3.
     bool BeginUsbUpdate(bool toolCore);
+    // Extension: reads the bridge's whole flash into a flash image at
+    // `path` (firmware/usb_backup.cpp).
+    bool ReadUsbFlash(const char* path);
     bool BeginMcuUpdate(bool toolCore);
     bool SetGpioLed(uint8_t value);
     bool SetUpdateGpioLedLights(uint8_t phase, uint8_t value, uint16_t period);

@@ -280,7 +280,7 @@ uint32_t BurstFlashAccess(VideoConsoleCoreImp& core, int operation, uint32_t len
         }
         exchange.unlock();
         offset += n;
-        if (progress && (operation == kFlashOpWrite || operation == kFlashOpRead))
+        if (progress && operation != kFlashOpToMemory)
             progress(operation, offset, length);
     }
     return 1;

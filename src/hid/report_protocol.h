@@ -67,8 +67,8 @@ enum FlashOperation : int {
 enum ChipRegisterOperation : int { kChipRegisterWriteOp = 0, kChipRegisterReadOp = 1 };
 enum GpioOperation : int { kGpioSetOp = 4, kGpioWriteOp = 5, kGpioReadOp = 6 };
 
-// Called after each burst chunk of a write (16) or verify (17), for the
-// update's progress and activity light.
+// Called after each burst chunk of a write (16), a verify (17) or a dump
+// (33), for the progress and the activity light.
 using BurstProgress = std::function<void(int operation, uint32_t done, uint32_t total)>;
 
 // Fills `request` for one template. Output: writes the report ID (and for

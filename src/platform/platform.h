@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <string_view>
 
@@ -49,6 +50,13 @@ bool FileSize(FileHandle file, uint64_t& size);
 uint32_t ReadFromFile(FileHandle file, uint8_t* buffer, uint32_t length, uint32_t& error);
 void CloseFile(FileHandle file);
 inline constexpr uint32_t kDiskFullError = 112;
+// Creates or truncates `path` for writing bytes; null when it cannot.
+std::FILE* CreateFileForWriting(const std::string& path);
+// Puts the finished file `from` in the place of `to`, replacing what was
+// there, in one step where the file system allows.
+bool ReplaceFile(const std::string& from, const std::string& to);
+// Deletes a file, quietly when it is not there.
+void RemoveFile(const std::string& path);
 // The full path of the first regular file in the working folder whose name
 // ends in `extension` (".hex"), in the order the system lists the folder;
 // "" when there is none.

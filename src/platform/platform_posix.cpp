@@ -94,6 +94,16 @@ FileHandle OpenFileForReading(const std::string& path) {
     return fd < 0 ? kNoFile : fd;
 }
 
+std::FILE* CreateFileForWriting(const std::string& path) {
+    return path.empty() ? nullptr : std::fopen(path.c_str(), "wbe");  // e: close on exec
+}
+
+bool ReplaceFile(const std::string& from, const std::string& to) {
+    return std::rename(from.c_str(), to.c_str()) == 0;
+}
+
+void RemoveFile(const std::string& path) { std::remove(path.c_str()); }
+
 bool FileSize(FileHandle file, uint64_t& size) {
     struct stat info {};
     if (fstat(static_cast<int>(file), &info) != 0) return false;

@@ -125,6 +125,25 @@ FileHandle OpenFileForReading(const std::string& path) {
     return file == INVALID_HANDLE_VALUE ? kNoFile : reinterpret_cast<FileHandle>(file);
 }
 
+std::FILE* CreateFileForWriting(const std::string& path) {
+    const std::wstring wide = WidePath(path);
+    return wide.empty() ? nullptr : _wfopen(wide.c_str(), L"wb");
+}
+
+bool ReplaceFile(const std::string& from, const std::string& to) {
+    // rename() refuses an existing target on Windows; MoveFileExW replaces it.
+    const std::wstring source = WidePath(from);
+    const std::wstring target = WidePath(to);
+    return !source.empty() && !target.empty() &&
+           MoveFileExW(source.c_str(), target.c_str(),
+                       MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+}
+
+void RemoveFile(const std::string& path) {
+    const std::wstring wide = WidePath(path);
+    if (!wide.empty()) DeleteFileW(wide.c_str());
+}
+
 bool FileSize(FileHandle file, uint64_t& size) {
     LARGE_INTEGER value{};
     if (!GetFileSizeEx(reinterpret_cast<HANDLE>(file), &value)) return false;

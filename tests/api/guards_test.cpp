@@ -48,6 +48,7 @@ std::vector<GuardedCall> DeviceCalls() {
         {"Get_MCU_BinFile_Ver", [] { return TextCall(KORVSDK_Get_MCU_BinFile_Ver); }},
         {"Start_USB_FwUpdate", [] { return KORVSDK_Start_USB_FwUpdate() != 0; }},
         {"Start_MCU_FwUpdate", [] { return KORVSDK_Start_MCU_FwUpdate() != 0; }},
+        {"Read_USB_Flash", [] { return KORVSDK_Read_USB_Flash("backup.hex") != 0; }},
         {"Get_HDMI_Info", [] { return KORVSDK_Get_HDMI_Info() != 0; }},
         {"Get_MCU_Info", [] { return KORVSDK_Get_MCU_Info() != 0; }},
         {"Get_USB_APP_Info", [] { return KORVSDK_Get_USB_APP_Info() != 0; }},

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,6 +32,11 @@ std::vector<uint8_t> NewImage() {
 
 std::vector<uint8_t> Slice(const std::vector<uint8_t>& image, uint32_t at, uint32_t length) {
     return {image.begin() + at, image.begin() + at + length};
+}
+
+std::vector<uint8_t> FileBytes(const std::string& path) {
+    const std::string text = korvsdk_test::ReadFile(path);
+    return {text.begin(), text.end()};
 }
 
 }  // namespace
@@ -159,4 +165,61 @@ TEST(UsbUpdate, SecondStartIsRefusedWhileOneRuns) {
     EXPECT_EQ(MessageLog::Count("You are already updating!\n"), 1);
     EXPECT_FALSE(rig.core_.StartUsbFwUpdateForToolCore());
     rig.core_.m_deviceState = kDeviceStateSelected;
+}
+
+// A backup holds the whole flash and puts the device back as it was after
+// another image was written; a failed backup leaves no file and keeps an
+// earlier one at the same path.
+TEST(UsbBackup, RestoresTheFlashAndFailsWithoutAFile) {
+    Rig rig("");
+    ASSERT_TRUE(rig.ok());
+    const uint32_t size = rig.Device().Flash(0).Size();
+    const std::vector<uint8_t> before = rig.Flash(0, size);
+    const std::string backup = rig.Write({1, 2, 3}, "backup.hex");  // an older file to replace
+
+    ASSERT_TRUE(rig.core_.ReadUsbFlash(backup.c_str())) << MessageLog::All();
+    EXPECT_EQ(rig.core_.m_deviceState, kDeviceStateSelected);
+    EXPECT_EQ(g_states.front(), "Reading");
+    EXPECT_EQ(g_states.back(), "ReadCompleted");
+    EXPECT_GT(g_states.size(), 50u);  // a record for every percent or so
+    EXPECT_FALSE(std::filesystem::exists(backup + ".part"));
+    EXPECT_TRUE(FileBytes(backup) == before);
+
+    ASSERT_TRUE(rig.Update(rig.Write(NewImage())));
+    ASSERT_NE(rig.Flash(0, size), before);
+    ASSERT_TRUE(rig.Update(backup));
+    EXPECT_EQ(g_states.back(), "UpdateCompleted");
+    EXPECT_TRUE(rig.Flash(0, size) == before);
+
+    struct Row {
+        const char* name;
+        std::string path;
+        const char* said;
+    };
+    const Row rows[] = {
+        {"updating", backup, "You are already updating!\n"},
+        {"no path", "", "Please give the file to save the USB flash in!\n"},
+        {"no such folder", backup + ".d/x.hex", "Cannot create "},
+        {"unplugged mid-way", backup, "Reading the flash failed; no backup was written."},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string name = row.name;
+        g_states.clear();
+        MessageLog::Clear();
+        if (name == "unplugged mid-way") rig.Device().Faults(0).unplugAfterTransfers = rig.Device().Transfers(0) + 500;
+        if (name == "updating") rig.core_.m_deviceState = kDeviceStateUpdating;
+        EXPECT_FALSE(rig.core_.ReadUsbFlash(row.path.c_str()));
+        EXPECT_NE(MessageLog::All().find(row.said), std::string::npos) << MessageLog::All();
+        if (name == "updating") {
+            EXPECT_EQ(rig.core_.m_deviceState, kDeviceStateUpdating);
+            rig.core_.m_deviceState = kDeviceStateSelected;
+            continue;
+        }
+        EXPECT_EQ(rig.core_.m_deviceState, kDeviceStateSelected);
+        if (name == "no path") continue;
+        EXPECT_EQ(g_states.back(), "ReadFailed");
+        EXPECT_FALSE(std::filesystem::exists(row.path + ".part"));
+        EXPECT_TRUE(FileBytes(backup) == before);  // the earlier backup is kept
+    }
 }
