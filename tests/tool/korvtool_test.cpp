@@ -49,6 +49,16 @@ bool Contains(const std::string& text, const std::string& part) {
 
 class Korvtool : public ::testing::Test {
 protected:
+    // Each test keeps its own update history, in its working folder.
+    Korvtool() {
+        const std::string history = (work_.path() / "history.jsonl").string();
+#ifdef _WIN32
+        _putenv_s("KORVTOOL_HISTORY", history.c_str());
+#else
+        setenv("KORVTOOL_HISTORY", history.c_str(), 1);
+#endif
+    }
+
     // Runs korvtool in the test's own empty working folder.
     ProcessResult Run(const std::vector<std::string>& args) {
 #ifdef _WIN32
@@ -163,6 +173,9 @@ TEST_F(KorvtoolUsage, CommandLineMistakes) {
         {{"--virtual", "--config", "x.cfg", "list"}, "excludes"},
         {{"--virtual", "boot-mode"}, "check or enter"},
         {{"--virtual", "audio", "set", "hp-out-volume"}, "VALUE"},
+        {{"--virtual", "leds", "set", "0x90"}, "0x80 to 0x83"},
+        {{"--virtual", "update", "usb", "x.hex", "--wait-replug", "soon"}, "--wait-replug SECONDS"},
+        {{"--virtual", "update", "usb", "x.hex", "--led-phase", "ending:0x80"}, "updating, succeeded or failed"},
     };
     for (const auto& [args, part] : cases) {
         SCOPED_TRACE(part);
@@ -626,6 +639,73 @@ TEST_F(KorvtoolUpdate, AFailureMidwayIsExitOne) {
     EXPECT_EQ(error["event"], "error");
     EXPECT_EQ(error["exit_code"], 1);
     EXPECT_TRUE(Contains(result.err, "update failed")) << result.err;
+}
+
+// The field's routine on the virtual device, whose user re-plugs it two
+// seconds after an update: a backup and an update confirmed after the
+// re-plug, an MCU update likewise, an update nobody re-plugs, the backup
+// written back; the history tells it all in order.
+TEST_F(KorvtoolUpdate, BackupReplugConfirmationAndHistory) {
+    ASSERT_NO_FATAL_FAILURE(Make({"usb", "new.hex"}));
+    ASSERT_NO_FATAL_FAILURE(Make({"mcu", "new.bin"}));
+    ProcessResult result = Run({"--virtual", "--json", "update", "usb", "new.hex", "--backup",
+                                "backup.hex", "--wait-replug", "30"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    std::vector<std::string> steps;
+    for (const std::string& line : Lines(result.out)) {
+        const json event = json::parse(line);
+        if (event["event"] == "progress") continue;
+        steps.push_back(event["event"].get<std::string>() + " " +
+                        event.value("kind", event.value("state", event.value("version", ""))));
+    }
+    EXPECT_EQ(steps, (std::vector<std::string>{"start backup", "end ReadCompleted", "start usb",
+                                               "end UpdateCompleted", "replug ",
+                                               "confirmed 01.00.02.00"}));
+    EXPECT_TRUE(std::filesystem::exists(WorkFolder() / "backup.hex"));
+    EXPECT_FALSE(std::filesystem::exists(WorkFolder() / "backup.hex.part"));
+
+    result = Run({"--virtual", "update", "mcu", "new.bin", "--wait-replug", "30"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(Contains(result.out, "Update confirmed")) << result.out;
+
+    const std::string noReplug = Settings(kOneDevice + "FW_Overwrite=0\n");
+    result = Run({"--config", noReplug, "update", "usb", "new.hex", "--wait-replug", "1"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(Contains(result.err, "was not re-plugged within 1 s")) << result.err;
+
+    // A fresh virtual device runs the version of the backup: accepted as is.
+    result = Run({"--virtual", "update", "usb", "backup.hex"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+
+    result = Run({"--json", "history"});
+    ASSERT_EQ(result.exitCode, 0) << result.err;
+    const json history = Json(result);
+    std::vector<std::string> entries;
+    for (const json& entry : history["entries"])
+        entries.push_back(entry["kind"].get<std::string>() + " " + entry["result"].get<std::string>() +
+                          " " + entry.value("version_after", "-"));
+    EXPECT_EQ(entries, (std::vector<std::string>{"backup completed -", "usb confirmed 01.00.02.00",
+                                                 "mcu confirmed 0d.18.00.010000",
+                                                 "usb not confirmed -", "usb completed -"}));
+    result = Run({"history"});
+    EXPECT_EQ(Lines(result.out).size(), 6u) << result.out;
+    EXPECT_EQ(result.out.rfind("TIME (UTC)", 0), 0u) << result.out;
+}
+
+TEST_F(KorvtoolUpdate, BackupAndLogDumpFailuresLeaveNothing) {
+    const std::string logging = Settings(kOneDevice + "EnableLocalLogging=1\n");
+    std::filesystem::create_directory(WorkFolder() / "dumps");
+    ProcessResult result = Run({"--config", logging, "dump-log", "--folder", "dumps"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_FALSE(std::filesystem::is_empty(WorkFolder() / "dumps"));
+
+    ExpectErrorLine(Run({"--config", logging, "dump-log", "--folder", "nowhere"}), 1,
+                    "'nowhere' does not exist");
+    ExpectErrorLine(Run({"--virtual", "dump-log"}), 1, "EnableLocalLogging=1");
+    result = Run({"--virtual", "backup", "nowhere/b.hex"});
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(Contains(result.err, "Cannot create")) << result.err;
+    EXPECT_FALSE(std::filesystem::exists(WorkFolder() / "nowhere"));
 }
 
 }  // namespace

@@ -2,7 +2,10 @@
 // answer texts, tested without a device.
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include "choices.h"
+#include "device_lock.h"
 #include "device_reports.h"
 #include "errors.h"
 
@@ -182,6 +185,21 @@ TEST(McuInfoText, RefusesOtherTexts) {
     EXPECT_FALSE(ParseMcuInfo("a0=0d a2=00"));
     EXPECT_FALSE(ParseMcuInfo("[MCU_Info] a0=0d EDID: maybe"));
     EXPECT_FALSE(ParseMcuInfo("[MCU_Info] a0=0d EDID: true, 00 f"));
+}
+
+// A second holder is refused while the first lives, not after.
+TEST(DeviceLock, OneHolderAtATime) {
+    const std::string key = "FFF0-0C01-LOCKTEST";
+    auto first = std::make_unique<DeviceLock>(key);
+    ASSERT_TRUE(first->Held()) << first->Problem();
+    {
+        const DeviceLock second(key);
+        EXPECT_FALSE(second.Held());
+        EXPECT_EQ(second.Problem(), "");
+        EXPECT_TRUE(DeviceLock(key + "-other").Held());
+    }
+    first.reset();
+    EXPECT_TRUE(DeviceLock(key).Held());
 }
 
 }  // namespace

@@ -1,6 +1,14 @@
 #include "commands.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "VideoConsoleCore.h"
 
 #include "device_reports.h"
 #include "errors.h"
@@ -393,6 +401,92 @@ CommandResult EnterBootMode(Session& session, const DeviceChoice& choice) {
     result.json["boot_mode"] = "bootloader";
     result.text += "The microcontroller is in boot mode now: its bootloader runs and waits for a "
                    "firmware update.\n";
+    return result;
+}
+
+}  // namespace korvtool
+
+namespace korvtool {
+
+// ---- LEDs -------------------------------------------------------------------
+
+CommandResult SetLedPattern(Session& session, const DeviceChoice& choice, uint8_t pattern) {
+    CommandResult result = StartOnDevice(session, choice);
+    session.BeginCall();
+    if (!KORVSDK_Set_GPIO_LED(pattern)) {
+        throw Failure("the LED pattern could not be set" + Quote(session.LastWords()) +
+                      " - only boards with a GPIO LED have one");
+    }
+    char text[8];
+    std::snprintf(text, sizeof text, "0x%02X", pattern);
+    result.json["led_pattern"] = text;
+    result.text += Row("LED pattern", text);
+    return result;
+}
+
+// ---- Log dump -----------------------------------------------------------------
+
+namespace {
+
+std::set<std::string> DumpFiles(const std::filesystem::path& folder) {
+    std::set<std::string> names;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        const std::string name = entry.path().filename().string();
+        if (name.rfind("Dump_Log_", 0) == 0) names.insert(name);
+    }
+    return names;
+}
+
+}  // namespace
+
+CommandResult DumpLog(Session& session, const DeviceChoice& choice, const std::string& folder) {
+    if (session.Setting("EnableLocalLogging").value_or("0") != "1") {
+        throw Failure("local logging is off, so there is no log to dump: set "
+                      "EnableLocalLogging=1 in " + session.SettingsName() +
+                      ", run the steps that went wrong again, then dump the log");
+    }
+    std::error_code error;
+    const std::filesystem::path target =
+        folder.empty() ? std::filesystem::current_path(error) : std::filesystem::path(folder);
+    if (!std::filesystem::is_directory(target, error))
+        throw Failure("the folder '" + target.string() + "' does not exist: create it or give another");
+    // The log says more with the device selected; a dump is wanted all the
+    // more when there is none.
+    try {
+        session.Select(choice);
+    } catch (const ToolError&) {
+    }
+    const std::set<std::string> before = DumpFiles(target);
+
+    // The dump is the class face's diagnostic command. Its controller takes
+    // commands once its start-up worker has run, a moment after start().
+    std::unique_ptr<VideoConsoleCore::ToolCoreInterface> controller(VideoConsoleCore::createToolCore());
+    controller->init();
+    controller->start();
+    VideoConsoleCore::DiagnosticRequest request;
+    request.dumpLog = true;
+    request.dumpFolder = target.wstring();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    std::string made;
+    while (made.empty()) {
+        session.BeginCall();
+        controller->runCommand(VideoConsoleCore::kCommandDiagnostic, &request, nullptr);
+        for (const std::string& name : DumpFiles(target))
+            if (before.count(name) == 0) made = name;
+        if (!made.empty()) break;
+        const std::string words = session.LastWords();
+        if (words.find("[Dump_Log]") != std::string::npos || std::chrono::steady_clock::now() > deadline) {
+            controller->exit();
+            throw Failure("the log could not be dumped" + Quote(words));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    controller->exit();
+    const std::string path = (target / made).string();
+    CommandResult result;
+    result.json["file"] = path;
+    result.text = "The log was dumped to " + path + "\n";
     return result;
 }
 

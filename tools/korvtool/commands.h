@@ -53,5 +53,10 @@ CommandResult ShowMcuInfo(Session& session, const DeviceChoice& device);
 CommandResult SaveParameters(Session& session, const DeviceChoice& device);
 CommandResult CheckBootMode(Session& session, const DeviceChoice& device);
 CommandResult EnterBootMode(Session& session, const DeviceChoice& device);
+// Writes an LED pattern (0x80..0x83) now, on boards with a GPIO LED.
+CommandResult SetLedPattern(Session& session, const DeviceChoice& device, uint8_t pattern);
+// Dumps the library's log file into `folder` (the working folder when
+// empty) and names the file made.
+CommandResult DumpLog(Session& session, const DeviceChoice& device, const std::string& folder);
 
 }  // namespace korvtool

@@ -7,6 +7,9 @@
 //
 // Exit status: 0 success, 1 device or library failure, 2 usage error.
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <vector>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -16,6 +19,7 @@
 
 #include "commands.h"
 #include "errors.h"
+#include "history.h"
 #include "make_image.h"
 #include "session.h"
 #include "update.h"
@@ -30,6 +34,7 @@
 
 namespace {
 
+using nlohmann::ordered_json;
 using korvtool::CommandResult;
 using korvtool::DeviceChoice;
 using korvtool::Session;
@@ -73,10 +78,17 @@ struct CommandLine {
     std::string valueText;
     std::string file;
     bool force = false;
+    std::string backupFile;
+    std::string waitReplugText;
+    CLI::Option* waitReplugOption = nullptr;
+    std::vector<std::string> ledPhases;
+    std::string ledPattern;
+    std::string folder;
     korvtool::UsbImageRequest usbImage;
     korvtool::McuImageRequest mcuImage;
     CLI::Option* configOption = nullptr;
     CLI::Option* deviceOption = nullptr;
+    CLI::Option* waitReplugMcu = nullptr;
 
     CommandLine();
 
@@ -212,7 +224,56 @@ CommandLine::CommandLine() {
         target->add_flag("--force", force,
                          "Write the file even if it is older or made for another device\n"
                          "(FW_Overwrite=99 for this run only)");
+        if (!mcu) {
+            target->add_option("--backup", backupFile,
+                               "Read the whole USB flash into this *.hex file first\n"
+                               "(the update starts only when the backup is complete)")
+                ->type_name("FILE");
+        }
+        // One option object per command: CLI11 keeps a pointer per command.
+        CLI::Option* wait =
+            target->add_option("--wait-replug", waitReplugText,
+                               "After the update, wait up to SECONDS (default 60) for the\n"
+                               "re-plugged device and confirm the version it runs")
+                ->expected(0, 1)
+                ->type_name("[SECONDS]");
+        if (mcu) {
+            waitReplugMcu = wait;
+        } else {
+            waitReplugOption = wait;
+        }
+        target->add_option("--led-phase", ledPhases,
+                           "PHASE:PATTERN[:PERIOD] - the LED pattern (0x80..0x83) of a\n"
+                           "phase (updating, succeeded, failed) and its blink period\n"
+                           "in ms (0 steady, 100..3200); may be repeated")
+            ->type_name("SPEC");
     }
+
+    Command(app, "backup", "Read the whole USB flash into a *.hex image",
+            std::string("The image is what 'korvtool update usb FILE --force' writes back, to put "
+                        "the device\nback as it was. It is written to FILE.part and renamed "
+                        "when complete.\n") +
+                kGlobalOptionsNote)
+        ->add_option("FILE", file, "Where to write the image (*.hex)")
+        ->required();
+    Command(app, "history", "Show the updates and backups korvtool has run",
+            std::string("Kept in the user's data folder (korvtool history --help shows where); "
+                        "--json prints\nthe entries as they are stored.\n") +
+                "File: " + korvtool::HistoryPath().string() + "\n" + kGlobalOptionsNote);
+    Command(app, "dump-log", "Copy the library's log file for a problem report",
+            std::string("Writes Dump_Log_<time>.txt into the folder; needs EnableLocalLogging=1 "
+                        "in the settings.\n") +
+                kGlobalOptionsNote)
+        ->add_option("--folder", folder, "Where to put the copy (default: the working folder)")
+        ->type_name("DIR");
+    CLI::App* leds = Command(app, "leds", "Set the board's GPIO LED pattern", kGlobalOptionsNote);
+    leds->require_subcommand(0, 1);
+    Command(*leds, "set", "Write an LED pattern now (boards with a GPIO LED)",
+            std::string("Patterns 0x80 to 0x83 (0x83: dark). The patterns an update shows are set "
+                        "with\n'korvtool update ... --led-phase'.\n") +
+                kGlobalOptionsNote)
+        ->add_option("PATTERN", ledPattern, "0x80..0x83")
+        ->required();
 
     const std::string imageFooter =
         std::string("Images for trying updates on the virtual device (korvtool --virtual update "
@@ -272,6 +333,54 @@ const korvtool::AudioControl& ControlNamed(const std::string& name) {
                                names);
 }
 
+korvtool::DisplayMode DisplayModeFor(bool json) {
+    return json ? korvtool::DisplayMode::kJson
+                : KORVTOOL_ISATTY(stdout) ? korvtool::DisplayMode::kTerminal
+                                          : korvtool::DisplayMode::kLines;
+}
+
+// A whole number from `text` (decimal, or hexadecimal after 0x) within
+// [low, high]; a UsageError naming `what` otherwise.
+long NumberIn(const std::string& text, long low, long high, const std::string& what,
+              bool hex = false) {
+    char* end = nullptr;
+    const long value = text.empty() ? -1 : std::strtol(text.c_str(), &end, 0);
+    if (text.empty() || *end != '\0' || value < low || value > high) {
+        char range[64];
+        std::snprintf(range, sizeof range, hex ? "0x%lX to 0x%lX" : "%ld to %ld", low, high);
+        throw korvtool::UsageError(what + " must be a number from " + range + ", not '" + text + "'");
+    }
+    return value;
+}
+
+int ParseSeconds(const std::string& text) {
+    return text.empty() ? 60 : static_cast<int>(NumberIn(text, 1, 3600, "--wait-replug SECONDS"));
+}
+
+uint8_t ParseLedPattern(const std::string& text) {
+    return static_cast<uint8_t>(NumberIn(text, 0x80, 0x83, "the LED pattern", true));
+}
+
+// "updating:0x81:500" -> phase 0, pattern 0x81, period 500 ms.
+korvtool::LedPhase ParseLedPhase(const std::string& spec) {
+    const size_t first = spec.find(':');
+    const size_t second = first == std::string::npos ? first : spec.find(':', first + 1);
+    if (first == std::string::npos)
+        throw korvtool::UsageError("--led-phase takes PHASE:PATTERN[:PERIOD], not '" + spec + "'");
+    const std::string name = spec.substr(0, first);
+    const char* const names[] = {"updating", "succeeded", "failed"};
+    long phase = -1;
+    for (long i = 0; i < 3; ++i)
+        if (name == names[i] || name == std::to_string(i)) phase = i;
+    if (phase < 0)
+        throw korvtool::UsageError("the LED phase must be updating, succeeded or failed, not '" + name + "'");
+    const std::string pattern = spec.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1);
+    const long period = second == std::string::npos
+                            ? 0
+                            : NumberIn(spec.substr(second + 1), 0, 3200, "the LED period (ms)");
+    return {static_cast<uint8_t>(phase), ParseLedPattern(pattern), static_cast<uint16_t>(period)};
+}
+
 // How to run the command `name`. Arguments that can be judged without a
 // device are judged here, before the library starts.
 std::function<CommandResult(Session&)> PrepareCommand(const CommandLine& cli,
@@ -302,14 +411,37 @@ std::function<CommandResult(Session&)> PrepareCommand(const CommandLine& cli,
         throw korvtool::UsageError(
             "boot-mode needs check or enter (run 'korvtool boot-mode --help')");
     }
+    if (name == "leds set") {
+        const uint8_t pattern = ParseLedPattern(cli.ledPattern);
+        return [choice, pattern](Session& s) { return korvtool::SetLedPattern(s, choice, pattern); };
+    }
+    if (name == "leds") throw korvtool::UsageError("leds needs set PATTERN (run 'korvtool leds --help')");
+    if (name == "dump-log") {
+        const std::string folder = cli.folder;
+        return [choice, folder](Session& s) { return korvtool::DumpLog(s, choice, folder); };
+    }
+    if (name == "backup") {
+        const std::string file = cli.file;
+        const bool json = cli.json;
+        return [choice, file, json](Session& s) {
+            korvtool::ProgressDisplay display(DisplayModeFor(json), stdout, stderr);
+            korvtool::CommandResult result = korvtool::RunBackup(s, choice, file, display);
+            result.jsonStreamed = json;
+            return result;
+        };
+    }
     if (name == "update usb" || name == "update mcu") {
-        korvtool::UpdateRequest request{name == "update mcu", cli.file, cli.force};
+        korvtool::UpdateRequest request;
+        request.mcu = name == "update mcu";
+        request.file = cli.file;
+        request.force = cli.force;
+        request.backupFile = cli.backupFile;
+        const CLI::Option* wait = request.mcu ? cli.waitReplugMcu : cli.waitReplugOption;
+        if (wait->count() > 0) request.waitReplugSeconds = ParseSeconds(cli.waitReplugText);
+        for (const std::string& spec : cli.ledPhases) request.ledPhases.push_back(ParseLedPhase(spec));
         const bool json = cli.json;
         return [choice, request, json](Session& s) {
-            const auto mode = json ? korvtool::DisplayMode::kJson
-                              : KORVTOOL_ISATTY(stdout) ? korvtool::DisplayMode::kTerminal
-                                                        : korvtool::DisplayMode::kLines;
-            korvtool::ProgressDisplay display(mode, stdout, stderr);
+            korvtool::ProgressDisplay display(DisplayModeFor(json), stdout, stderr);
             s.SetLinePrinter([&display](const std::string& line) { display.Note(line); });
             try {
                 korvtool::CommandResult result = korvtool::RunUpdate(s, choice, request, display);
@@ -364,6 +496,25 @@ int main(int argc, char** argv) {
                 std::printf("%s\n", doc.dump(2).c_str());
             } else {
                 std::fputs(result.text.c_str(), stdout);
+            }
+            return korvtool::kExitSuccess;
+        }
+        if (command == "history") {
+            size_t skipped = 0;
+            const std::filesystem::path file = korvtool::HistoryPath();
+            const std::vector<ordered_json> entries = korvtool::ReadHistory(file, skipped);
+            if (skipped > 0)
+                std::fprintf(stderr, "korvtool: warning: %zu lines of %s are not history entries\n",
+                             skipped, file.string().c_str());
+            if (cli.json) {
+                std::printf("%s\n", ordered_json({{"command", command}, {"ok", true},
+                                                  {"file", file.string()}, {"entries", entries}})
+                                        .dump(2)
+                                        .c_str());
+            } else if (entries.empty()) {
+                std::printf("No updates yet (%s).\n", file.string().c_str());
+            } else {
+                std::fputs(korvtool::HistoryTable(entries).c_str(), stdout);
             }
             return korvtool::kExitSuccess;
         }

@@ -24,6 +24,7 @@ std::string Rate(double bytesPerSecond) {
 
 std::string PhaseOf(const std::string& state, const std::string& message, bool mcu) {
     if (state == "Updating initialization") return "Preparing";
+    if (state == "Reading") return "Reading";
     if (state != "Updating") return "";
     if (message.find("verifying") != std::string::npos) return "Verifying";
     return mcu ? "Programming" : "Writing";
@@ -57,9 +58,26 @@ void ProgressDisplay::Start(const ordered_json& details) {
         Emit(event);
         return;
     }
-    std::fprintf(out_, "Updating %s firmware of %s with %s (version %s)\n",
-                 details.value("kind", "").c_str(), details.value("device", "").c_str(),
-                 details.value("file", "").c_str(), details.value("file_version", "").c_str());
+    const std::string kind = details.value("kind", "");
+    if (kind == "backup") {
+        std::fprintf(out_, "Reading the USB flash of %s into %s\n",
+                     details.value("device", "").c_str(), details.value("file", "").c_str());
+    } else {
+        std::fprintf(out_, "Updating %s firmware of %s with %s (version %s)\n", kind.c_str(),
+                     details.value("device", "").c_str(), details.value("file", "").c_str(),
+                     details.value("file_version", "").c_str());
+    }
+    std::fflush(out_);
+}
+
+void ProgressDisplay::Event(const ordered_json& event, const std::string& text) {
+    std::lock_guard lock(mutex_);
+    if (mode_ == DisplayMode::kJson) {
+        Emit(event);
+        return;
+    }
+    ClearBar();
+    std::fprintf(out_, "%s\n", text.c_str());
     std::fflush(out_);
 }
 

@@ -41,6 +41,9 @@ public:
     void Start(const nlohmann::ordered_json& details);
     // `phaseBytes`: how many bytes the phase moves, when known (for the rate).
     void Progress(const std::string& phase, double percent, std::optional<double> phaseBytes);
+    // A step of korvtool's own (the wait for a re-plug): `event` as one
+    // JSON line, else `text` as a line of standard output.
+    void Event(const nlohmann::ordered_json& event, const std::string& text);
     // A line that is not the bar (a library message, a warning).
     void Note(const std::string& line);
     // The end: the library's final state word and message.

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <string_view>
 #include <system_error>
 
 #include "errors.h"
@@ -23,6 +24,7 @@ struct Channel {
     std::function<void(const std::string&)> printer;
     std::vector<std::string> debugTexts;
     std::vector<std::string> messages;
+    std::string runningUsbVersion;  // of the last version record
 };
 Channel g_channel;
 
@@ -55,6 +57,10 @@ void OnDeviceState(DeviceStateInfo* info) {
     if (info == nullptr || info->message == nullptr || info->message[0] == '\0') return;
     std::lock_guard lock(g_channel.mutex);
     g_channel.messages.emplace_back(info->message);
+    // The USB version record carries the stored version first and the
+    // running one second.
+    if (std::string_view(info->message).rfind("USB FW current version", 0) == 0)
+        g_channel.runningUsbVersion = info->text1 != nullptr ? info->text1 : "";
 }
 
 // `text` with the lines of the keys that `overrides` set replaced by them.
@@ -182,6 +188,7 @@ size_t Session::Select(const std::optional<std::string>& choice) {
                       " accept its VID and PID");
     }
     const size_t index = ChooseDevice(devices_, choice);
+    LockDevice(devices_[index]);
     BeginCall();
     if (!KORVSDK_Select_Device(&list_[index])) {
         const DeviceInfo& device = devices_[index];
@@ -190,6 +197,24 @@ size_t Session::Select(const std::optional<std::string>& choice) {
                       ": re-plug it and try again, --verbose shows the library's messages");
     }
     return index;
+}
+
+void Session::LockDevice(const DeviceInfo& device) {
+    // A virtual device lives in this process alone.
+    if (Setting("DeviceBackend") == "virtual") return;
+    const std::string key = device.vid + "-" + device.pid + "-" + device.serial;
+    if (lock_ && lockKey_ == key) return;
+    auto lock = std::make_unique<DeviceLock>(key);
+    if (!lock->Held() && lock->Problem().empty()) {
+        throw Failure("the device (serial " + device.serial + ") is in use by another korvtool (" +
+                      lock->Name() + "): wait until it has finished, then try again");
+    }
+    if (!lock->Held()) {
+        std::fprintf(stderr, "korvtool: warning: no lock on the device (%s); make sure no other "
+                             "korvtool uses it\n", lock->Problem().c_str());
+    }
+    lock_ = std::move(lock);
+    lockKey_ = key;
 }
 
 std::optional<std::string> Session::Setting(const std::string& key) const {
@@ -213,6 +238,19 @@ void Session::BeginCall() {
     std::lock_guard lock(g_channel.mutex);
     g_channel.debugTexts.clear();
     g_channel.messages.clear();
+    g_channel.runningUsbVersion.clear();
+}
+
+bool Session::Said(const std::string& words) const {
+    std::lock_guard lock(g_channel.mutex);
+    for (const std::string& text : g_channel.debugTexts)
+        if (text.find(words) != std::string::npos) return true;
+    return false;
+}
+
+std::string Session::RunningUsbVersion() const {
+    std::lock_guard lock(g_channel.mutex);
+    return g_channel.runningUsbVersion;
 }
 
 const std::vector<std::string>& Session::Messages() const { return g_channel.messages; }

@@ -8,12 +8,14 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "KORVSDKDeviceTool.h"
 #include "choices.h"
+#include "device_lock.h"
 
 namespace korvtool {
 
@@ -62,8 +64,19 @@ public:
     // What the library said since BeginCall, for an error line: its posted
     // messages, else its last debugger text; empty when it said nothing.
     std::string LastWords() const;
+    // Whether a debugger text since BeginCall contains `words`.
+    bool Said(const std::string& words) const;
+    // The running USB firmware version of the last version record since
+    // BeginCall (KORVSDK_Get_USB_FW_Ver posts it); empty when none came.
+    std::string RunningUsbVersion() const;
 
 private:
+    // Holds the device for this run (see DeviceLock); throws a Failure when
+    // another korvtool holds it.
+    void LockDevice(const DeviceInfo& device);
+
+    std::unique_ptr<DeviceLock> lock_;
+    std::string lockKey_;
     std::string settingsName_;  // how the settings are named in hints
     std::string settingsText_;  // what the library was given
     DeviceEntry* list_ = nullptr;

@@ -3,14 +3,17 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cctype>
 #include <csignal>
 #include <cstdlib>
 #include <deque>
 #include <filesystem>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 #include "errors.h"
+#include "history.h"
 
 namespace korvtool {
 
@@ -140,6 +143,154 @@ std::optional<double> PhaseBytes(const Session& session, const UpdateRequest& re
     return std::nullopt;
 }
 
+std::string DeviceName(const DeviceInfo& device) {
+    return device.vid + ":" + device.pid + " serial " + device.serial;
+}
+
+// One line of the update history per update or backup, whatever its end.
+class HistoryLine {
+public:
+    HistoryLine(const DeviceInfo& device, const char* kind, const std::string& file)
+        : entry_({{"time", UtcTimeNow()},
+                  {"serial", device.serial},
+                  {"vid_pid", device.vid + ":" + device.pid},
+                  {"kind", kind},
+                  {"file", file}}) {}
+    ordered_json& operator[](const char* key) { return entry_[key]; }
+    void Write(ProgressDisplay& display, const std::string& result, const std::string& message) {
+        entry_["result"] = result;
+        entry_["message"] = message;
+        std::string problem;
+        if (!AppendHistory(HistoryPath(), entry_, problem))
+            display.Note("korvtool: warning: " + problem);
+    }
+
+private:
+    ordered_json entry_;
+};
+
+// Reads the selected device's flash into `file`; the library's final
+// message, or a Failure.
+std::string ReadFlashInto(Session& session, FirmwareCallback& callback, const std::string& file,
+                          ProgressDisplay& display) {
+    std::atomic<bool> done{false};
+    bool read = false;
+    session.BeginCall();
+    std::thread reader([&] {
+        read = KORVSDK_Read_USB_Flash(file.c_str()) != 0;
+        done = true;
+    });
+    std::string state, message;
+    for (;;) {
+        const bool finished = done;  // before the wait: no record can come after it
+        const std::optional<Record> record = callback.Next(std::chrono::milliseconds(100));
+        if (record) {
+            const std::string phase = PhaseOf(record->state, record->message, false);
+            if (!phase.empty()) display.Progress(phase, record->percent, std::nullopt);
+            if (record->state == "ReadCompleted" || record->state == "ReadFailed") {
+                state = record->state;
+                message = record->message;
+            }
+            continue;
+        }
+        if (finished) break;
+    }
+    reader.join();
+    const bool ok = read && state == "ReadCompleted";
+    display.End(ok, state.empty() ? "ReadFailed" : state, message);
+    if (!ok) {
+        if (message.empty()) message = session.LastWords();
+        while (!message.empty() && (message.back() == '.' || message.back() == '\n'))
+            message.pop_back();
+        throw Failure("the backup failed" + (message.empty() ? std::string() : ": " + message) +
+                      " - nothing was written to '" + file + "'");
+    }
+    return message;
+}
+
+// The version the device runs, as the image names it: USB "xx.xx.xx.xx"
+// (the bridge's running-version registers; the image's text carries a
+// build number after it), MCU the version number, characters 3-4 of
+// "tt.vv...".
+std::string RunningVersion(Session& session, bool mcu) {
+    session.BeginCall();
+    const std::string text = TakeText(mcu ? KORVSDK_Get_MCU_FW_Ver() : KORVSDK_Get_USB_FW_Ver());
+    return mcu ? text : session.RunningUsbVersion();
+}
+
+bool RunsVersion(const std::string& running, const std::string& fileVersion, bool mcu) {
+    const auto lower = [](std::string text) {
+        for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return text;
+    };
+    if (mcu) return running.size() >= 5 && fileVersion.size() >= 5 &&
+                    running.substr(3, 2) == lower(fileVersion.substr(3, 2));
+    return !running.empty() && lower(fileVersion).rfind(running, 0) == 0;
+}
+
+// After a completed update: waits for the device to be re-plugged (gone
+// from the scan, or its open handle dead: a quick re-plug can slip between
+// two scans) and to come back with the same serial number, then checks that
+// it runs the image's version. Returns that version; throws a Failure when
+// the time is up. The checks while waiting move no flash data, so that they
+// cost the device nothing.
+std::string ConfirmAfterReplug(Session& session, const DeviceInfo& device, const DeviceChoice& choice,
+                               const UpdateRequest& request, const std::string& fileVersion,
+                               const std::string& before, ProgressDisplay& display) {
+    const int seconds = *request.waitReplugSeconds;
+    display.Event({{"event", "replug"}, {"serial", device.serial}, {"seconds", seconds}},
+                  "Re-plug the device now: waiting up to " + std::to_string(seconds) +
+                      " s for serial " + device.serial + " to come back...");
+    const DeviceChoice same = device.serial.empty() ? choice : DeviceChoice(device.serial);
+    const auto present = [&] {
+        for (const DeviceInfo& found : session.Scan())
+            if (same ? found.serial == *same : true) return true;
+        return false;
+    };
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    bool gone = false;
+    std::string seen;  // the version it ran when it was back
+    for (;; std::this_thread::sleep_for(std::chrono::milliseconds(250))) {
+        const bool late = std::chrono::steady_clock::now() >= deadline;
+        try {
+            if (!present()) {
+                gone = true;
+            } else if (!gone) {
+                session.BeginCall();
+                // The query answers even when its transfer failed; the
+                // library says so in its text.
+                gone = KORVSDK_Get_HDMI_Info() == 0 || session.Said("Couldn't execute");
+            } else {
+                session.Select(same);
+                seen = RunningVersion(session, request.mcu);
+                if (RunsVersion(seen, fileVersion, request.mcu)) {
+                    display.Event({{"event", "confirmed"}, {"serial", device.serial}, {"version", seen}},
+                                  "Confirmed: serial " + device.serial + " is back and runs " +
+                                      seen + ".");
+                    return seen;
+                }
+                if (!seen.empty()) break;
+            }
+        } catch (const ToolError&) {
+            // Not there, or not ready to be opened yet: the next round.
+        }
+        if (late) break;
+    }
+    const std::string time = std::to_string(seconds) + " s";
+    if (!gone) {
+        throw Failure("the device (serial " + device.serial + ") was not re-plugged within " + time +
+                      ": it runs the new firmware only after a re-plug - re-plug it and check "
+                      "with 'korvtool info'");
+    }
+    if (seen.empty()) {
+        throw Failure("the device (serial " + device.serial + ") did not come back within " + time +
+                      ": plug it in again, then check with 'korvtool info'");
+    }
+    throw Failure("the device (serial " + device.serial + ") came back running " + seen +
+                  ", not the image's " + fileVersion + " (it had " + before +
+                  "): the new firmware did not start - run the update again");
+}
+
 }  // namespace
 
 CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const UpdateRequest& request,
@@ -153,9 +304,17 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
     const uintmax_t fileSize = std::filesystem::file_size(request.file, error);
 
     const size_t index = session.Select(choice);
-    const DeviceInfo& device = session.Devices()[index];
+    const DeviceInfo device = session.Devices()[index];
     const std::string before =
         TakeText(request.mcu ? KORVSDK_Get_MCU_FW_Ver() : KORVSDK_Get_USB_FW_Ver());
+    for (const LedPhase& led : request.ledPhases) {
+        session.BeginCall();
+        if (!KORVSDK_Set_Update_GPIO_LED_Lights(led.phase, led.pattern, led.period))
+            throw Failure("the LED phase could not be set" + Quote(session.LastWords()) +
+                          " - only boards with a GPIO LED have one");
+    }
+    HistoryLine history(device, request.mcu ? "mcu" : "usb", request.file);
+    history["version_before"] = before;
 
     FirmwareCallback callback(request.mcu);
     session.BeginCall();
@@ -168,13 +327,27 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
     const std::string version =
         TakeText(request.mcu ? KORVSDK_Get_MCU_BinFile_Ver() : KORVSDK_Get_USB_HexFile_Ver());
     callback.Drain();  // the getter repeats the version
+    history["file_version"] = version;
     if (!set || version.empty()) {
         if (reason.empty()) reason = libraryWords.empty() ? "it is not an image" : libraryWords;
+        history.Write(display, "refused", reason);
         throw Failure("'" + request.file + "' was refused: " + reason + " - " +
                       Advice(session, reason, request.mcu));
     }
 
-    const std::string deviceName = device.vid + ":" + device.pid + " serial " + device.serial;
+    const std::string deviceName = DeviceName(device);
+    if (!request.backupFile.empty()) {
+        display.Start({{"kind", "backup"}, {"device", deviceName}, {"file", request.backupFile}});
+        HistoryLine backup(device, "backup", request.backupFile);
+        backup["version_before"] = before;
+        try {
+            backup.Write(display, "completed", ReadFlashInto(session, callback, request.backupFile, display));
+        } catch (const ToolError& e) {
+            backup.Write(display, "failed", e.what());
+            throw Failure(std::string(e.what()) + "; the update was not started");
+        }
+    }
+
     display.Start({{"kind", request.mcu ? "mcu" : "usb"},
                    {"device", deviceName},
                    {"file", request.file},
@@ -185,8 +358,10 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
     InterruptGuard interrupts;
     session.BeginCall();
     if ((request.mcu ? KORVSDK_Start_MCU_FwUpdate() : KORVSDK_Start_USB_FwUpdate()) == 0) {
-        throw Failure(std::string("the ") + kind + " update did not start" +
-                      Quote(session.LastWords()) + ": re-plug the device and try again");
+        const std::string words = session.LastWords();
+        history.Write(display, "failed", words.empty() ? "the update did not start" : words);
+        throw Failure(std::string("the ") + kind + " update did not start" + Quote(words) +
+                      ": re-plug the device and try again");
     }
 
     std::string state, message, stepError;
@@ -228,18 +403,63 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
     if (!ok && message.empty()) message = stepError;
     display.End(ok, state, message);
     if (!ok) {
+        history.Write(display, "failed", message);
         throw Failure(std::string("the ") + kind + " update failed: " +
                       (message.empty() ? "the library gave no reason" : message) +
                       (stepError.empty() || stepError == message ? "" : " (" + stepError + ")") +
                       " - re-plug the device and run the update again; it still takes one");
     }
+
     CommandResult result;
     result.json = {{"kind", request.mcu ? "mcu" : "usb"}, {"device", deviceName},
                    {"file", request.file},  {"file_version", version},
                    {"version_before", before}, {"state", state}, {"message", message}};
-    result.text = std::string("Update completed: ") + kind + " firmware " + version +
-                  " written to " + deviceName + " (it had " + before +
-                  ").\nRe-plug the device to run the new firmware.\n";
+    if (!request.waitReplugSeconds) {
+        history.Write(display, "completed", message);
+        result.text = std::string("Update completed: ") + kind + " firmware " + version +
+                      " written to " + deviceName + " (it had " + before +
+                      ").\nRe-plug the device to run the new firmware.\n";
+        return result;
+    }
+    std::string after;
+    try {
+        after = ConfirmAfterReplug(session, device, choice, request, version, before, display);
+    } catch (const ToolError& e) {
+        history.Write(display, "not confirmed", e.what());
+        throw;
+    }
+    history["version_after"] = after;
+    history.Write(display, "confirmed", message);
+    result.json["version_after"] = after;
+    result.text = std::string("Update confirmed: ") + deviceName + " runs " + kind +
+                  " firmware " + after + " (it had " + before + ").\n";
+    return result;
+}
+
+CommandResult RunBackup(Session& session, const DeviceChoice& choice, const std::string& file,
+                        ProgressDisplay& display) {
+    const size_t index = session.Select(choice);
+    const DeviceInfo device = session.Devices()[index];
+    const std::string deviceName = DeviceName(device);
+    const std::string version = TakeText(KORVSDK_Get_USB_FW_Ver());
+    HistoryLine history(device, "backup", file);
+    history["version_before"] = version;
+    display.Start({{"kind", "backup"}, {"device", deviceName}, {"file", file}});
+    FirmwareCallback callback(false);
+    std::string message;
+    try {
+        message = ReadFlashInto(session, callback, file, display);
+    } catch (const ToolError& e) {
+        history.Write(display, "failed", e.what());
+        throw;
+    }
+    history.Write(display, "completed", message);
+    CommandResult result;
+    result.json = {{"kind", "backup"}, {"device", deviceName}, {"file", file},
+                   {"usb_firmware", version}, {"state", "ReadCompleted"}, {"message", message}};
+    result.text = "Backup completed: the USB flash of " + deviceName + " (firmware " + version +
+                  ") is in " + file + ".\nPut it back with: korvtool update usb " + file +
+                  " --force\n";
     return result;
 }
 

@@ -10,7 +10,8 @@ namespace korvtool {
 
 std::string BuiltInVirtualSettings() {
     // One virtual device with the library's default identity (VID FFF0,
-    // PID 0C01, serial VC00000001) and a locked 1080p60 HDMI input.
+    // PID 0C01, serial VC00000001) and a locked 1080p60 HDMI input, whose
+    // user re-plugs it two seconds after an update has written it.
     return "DeviceBackend=virtual\n"
            "EnableLocalLogging=0\n"
            "FW_Overwrite=0\n"
@@ -21,7 +22,8 @@ std::string BuiltInVirtualSettings() {
            "Virtual0_UsbWidth=1920\n"
            "Virtual0_UsbHeight=1080\n"
            "Virtual0_UsbFrameRate=60\n"
-           "Virtual0_UsbColorFormat=2\n";
+           "Virtual0_UsbColorFormat=2\n"
+           "Virtual0_ReplugAfterUpdateMs=2000\n";
 }
 
 TemporarySettingsFile::TemporarySettingsFile(const std::string& text) {
