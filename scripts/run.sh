@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds the library and korvtool for Linux, and
-# shows a short korvtool session on the virtual capture device (--virtual:
-# built-in settings, nothing on disk): list, info, audio, mcu-info.
+# shows a korvtool session on the virtual capture device (--virtual: built-in
+# settings, nothing on disk but the images): list, info, audio; a backup of
+# the USB flash and a USB update confirmed after the (simulated) re-plug, an
+# MCU update likewise, and the update history.
 #
 # With arguments, runs korvtool with them instead, in the folder the script
 # was called from, e.g.
@@ -23,15 +25,26 @@ if [ $# -gt 0 ]; then
   exec "$korvtool" "$@"
 fi
 
-# The session runs in a scratch folder, so that nothing lands in the tree.
+# The session runs in a scratch folder, so that nothing lands in the tree;
+# its update history too.
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
-for command in "list" "info" "audio" "mcu-info"; do
+export KORVTOOL_HISTORY="$work/history.jsonl"
+step() {
   echo
-  echo "\$ korvtool --virtual $command"
-  # shellcheck disable=SC2086  # the command is words on purpose
-  "$korvtool" --virtual $command
-done
+  echo "\$ korvtool $*"
+  "$korvtool" "$@"
+}
+step --virtual list
+step --virtual info
+step --virtual audio
+# Images newer than the virtual device's firmware, made for it.
+step make-image usb new-usb.hex
+step make-image mcu new-mcu.bin
+# The virtual device's user re-plugs it two seconds after an update.
+step --virtual update usb new-usb.hex --backup backup.hex --wait-replug 30
+step --virtual update mcu new-mcu.bin --wait-replug 30
+step history
 echo
 echo "More: ./scripts/run.sh --help lists every command (the program is build/linux/bin/korvtool)."

@@ -45,6 +45,7 @@ endif()
 file(COPY ${REPOSITORY}/samples/virtual-setting.cfg DESTINATION ${WORK}/run)
 set(run_options WORKING_DIRECTORY ${WORK}/run)
 run(${launch} ${bin}/quickstart${exe} virtual-setting.cfg)
+run(${launch} ${bin}/quickstart_cpp${exe} virtual-setting.cfg 40)
 run(${launch} ${bin}/toolcore_session_client${exe})
 
 if(NOT TOOLCHAIN)
