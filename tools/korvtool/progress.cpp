@@ -148,10 +148,20 @@ void ProgressDisplay::End(bool ok, const std::string& state, const std::string& 
         Emit({{"event", "end"}, {"ok", ok}, {"state", state}, {"message", message}});
         return;
     }
+    // The last record of a phase comes a little before its end: a phase
+    // that ended well is shown whole.
+    if (ok && !phase_.empty() && percent_ < 100.0) {
+        percent_ = 100.0;
+        left_ = 0.0;
+        ClearBar();
+        DrawBar();
+        if (mode_ == DisplayMode::kLines) std::fputc('\n', out_);
+    }
     if (drawn_ > 0) {
         std::fputc('\n', out_);
         drawn_ = 0;
     }
+    phase_.clear();
     std::fflush(out_);
 }
 
