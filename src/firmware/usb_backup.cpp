@@ -59,7 +59,7 @@ public:
                           : "Reading the flash failed; no backup was written.";
             return false;
         }
-        if (!platform::ReplaceFile(partial_, path_)) {
+        if (!platform::MoveIntoPlace(partial_, path_)) {
             platform::RemoveFile(partial_);
             failure = "Cannot put the backup in place as " + path_ + ".";
             return false;

@@ -54,7 +54,7 @@ inline constexpr uint32_t kDiskFullError = 112;
 std::FILE* CreateFileForWriting(const std::string& path);
 // Puts the finished file `from` in the place of `to`, replacing what was
 // there, in one step where the file system allows.
-bool ReplaceFile(const std::string& from, const std::string& to);
+bool MoveIntoPlace(const std::string& from, const std::string& to);
 // Deletes a file, quietly when it is not there.
 void RemoveFile(const std::string& path);
 // The full path of the first regular file in the working folder whose name

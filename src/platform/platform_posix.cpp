@@ -98,7 +98,7 @@ std::FILE* CreateFileForWriting(const std::string& path) {
     return path.empty() ? nullptr : std::fopen(path.c_str(), "wbe");  // e: close on exec
 }
 
-bool ReplaceFile(const std::string& from, const std::string& to) {
+bool MoveIntoPlace(const std::string& from, const std::string& to) {
     return std::rename(from.c_str(), to.c_str()) == 0;
 }
 

@@ -130,7 +130,7 @@ std::FILE* CreateFileForWriting(const std::string& path) {
     return wide.empty() ? nullptr : _wfopen(wide.c_str(), L"wb");
 }
 
-bool ReplaceFile(const std::string& from, const std::string& to) {
+bool MoveIntoPlace(const std::string& from, const std::string& to) {
     // rename() refuses an existing target on Windows; MoveFileExW replaces it.
     const std::wstring source = WidePath(from);
     const std::wstring target = WidePath(to);
