@@ -19,6 +19,14 @@
 #ifndef KORVSDK_DEVICE_TOOL_H
 #define KORVSDK_DEVICE_TOOL_H
 
+/* The SDK's version. The build reads it from these lines: the shared
+ * library's version, the Windows version resources and korvtool --version
+ * all come from here. Keep the string equal to the three numbers. */
+#define KORVSDK_VERSION_MAJOR 0
+#define KORVSDK_VERSION_MINOR 1
+#define KORVSDK_VERSION_PATCH 0
+#define KORVSDK_VERSION_STRING "0.1.0"
+
 #include <stdint.h>
 #ifndef __cplusplus
 #include <stdbool.h>

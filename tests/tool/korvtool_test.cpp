@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "KORVSDKDeviceTool.h"
 #include "run_process.h"
 #include "support/test_support.h"
 
@@ -128,6 +129,12 @@ TEST_F(KorvtoolHelp, ProgramHelpNamesEveryCommandAndGlobalOption) {
                              "boot-mode", "update", "make-image", "--config PATH", "--virtual", "--device N|SERIAL",
                              "--json", "--verbose", "Exit status: 0 success"})
         EXPECT_TRUE(Contains(result.out, word)) << word;
+}
+
+TEST_F(KorvtoolHelp, VersionIsTheLibraryHeaders) {
+    const ProcessResult result = Run({"--version"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_EQ(result.out, std::string("korvtool ") + KORVSDK_VERSION_STRING + "\n");
 }
 
 TEST_F(KorvtoolHelp, EveryCommandHasItsOwnHelp) {
