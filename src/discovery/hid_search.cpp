@@ -105,7 +105,12 @@ bool SearchHidInterface(VideoConsoleCoreImp& core, HidSearchResult& result) {
 
     for (size_t index = 0; index < paths.size(); ++index) {
         const hid::HidHandle handle = backend->Open(paths[index]);
-        if (handle == hid::kInvalidHidHandle) continue;
+        if (handle == hid::kInvalidHidHandle) {
+            if (result.openFailureAdvice.empty())
+                result.openFailureAdvice = backend->OpenFailureAdvice(
+                    paths[index], core.m_selectedVid, core.m_selectedPid);
+            continue;
+        }
         Interface found;
         const bool inspected = Inspect(*backend, handle, found);
         const bool match = inspected && found.attributes.VendorID == core.m_selectedVid &&

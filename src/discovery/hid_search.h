@@ -22,6 +22,9 @@ struct HidSearchResult {
     hid::PreparsedData preparsedData = nullptr;
     std::vector<hid::HidpValueCaps> outputValueCaps;
     std::vector<hid::HidpValueCaps> inputValueCaps;
+    // Without a match: the backend's advice on the first interface of the
+    // selected IDs that could not be opened (see OpenFailureAdvice), or "".
+    std::string openFailureAdvice;
 };
 
 // Runs the search for the core's selected IDs and instance text. False when

@@ -160,6 +160,9 @@ bool VideoConsoleCoreImp::SelectDevice(DeviceEntry* entry) {
             DebugOut(Format("HidDevices Got it!! and index: %d\n", static_cast<int>(found.index)));
             if (found.index == kNoHidInterface) {
                 Report("[Select Device] No valid device found.\n");
+                // The reason, when the user can put it right; said last, so
+                // that it is the last word of the failed selection.
+                if (!found.openFailureAdvice.empty()) Report(found.openFailureAdvice);
                 ResetDeviceInformation(*this);
                 return false;
             }

@@ -192,9 +192,16 @@ size_t Session::Select(const std::optional<std::string>& choice) {
     BeginCall();
     if (!KORVSDK_Select_Device(&list_[index])) {
         const DeviceInfo& device = devices_[index];
+        // When the user may not open the device's node (Linux without the
+        // udev rules), the library's last words name the node and the fix;
+        // re-plugging alone would not help.
+        const std::string words = LastWords();
+        const bool noPermission = words.find(": permission denied.") != std::string::npos;
         throw Failure("device " + std::to_string(index) + " (serial " + device.serial +
-                      ") could not be opened" + Quote(LastWords()) +
-                      ": re-plug it and try again, --verbose shows the library's messages");
+                      ") could not be opened" + Quote(words) +
+                      (noPermission ? std::string()
+                                    : ": re-plug it and try again, --verbose shows the "
+                                      "library's messages"));
     }
     return index;
 }

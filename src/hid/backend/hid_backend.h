@@ -58,6 +58,15 @@ public:
     virtual HidHandle Open(const std::string& path) = 0;
     // Closes a handle from Open; an invalid handle is ignored.
     virtual void Close(HidHandle handle) = 0;
+    // After Open(path) failed: what the user can do about it, when the
+    // interface belongs to the USB device vid:pid and the cause is one the
+    // user can put right (on Linux: no permission on the hidraw node). One
+    // line ending in "\n"; "" otherwise, and on platforms where Open does
+    // not fail that way.
+    virtual std::string OpenFailureAdvice(const std::string& /*path*/, uint16_t /*vid*/,
+                                          uint16_t /*pid*/) {
+        return {};
+    }
 
     // ---- HidD_ (true = success) ---------------------------------------
     virtual void GetHidGuid(Guid& guid) = 0;

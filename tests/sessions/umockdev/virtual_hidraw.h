@@ -45,6 +45,8 @@ public:
 
     std::string NodePath(size_t device) const;     // "/dev/hidraw64"
     std::string UsbDevicePath(size_t device) const;  // "/sys/devices/usb1/1-1"
+    // The real file behind NodePath(device), whose mode a test may change.
+    std::string NodeFile(size_t device) const { return testbed_.Outside(NodePath(device)); }
 
 private:
     UmockdevTestbed testbed_;

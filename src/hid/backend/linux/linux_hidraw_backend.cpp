@@ -300,6 +300,31 @@ HidHandle LinuxHidrawBackend::Open(const std::string& path) {
     return handle;
 }
 
+std::string LinuxHidrawBackend::OpenFailureAdvice(const std::string& path, uint16_t vid,
+                                                  uint16_t pid) {
+    // Nodes of other devices (keyboards, mice) are root's alone on most
+    // systems; only the device being looked for is worth a word.
+    const std::string nodePath = SplitCollectionPath(path).first;
+    const std::string usbDir = sysfs::FindUsbDeviceFolder(
+        sysfs::ResolvedPath(sysRoot_ + "/class/hidraw/" + BaseName(nodePath)));
+    if (usbDir.empty() ||
+        sysfs::ParseHex16(sysfs::ReadAttribute(usbDir, "idVendor").value_or("")) != vid ||
+        sysfs::ParseHex16(sysfs::ReadAttribute(usbDir, "idProduct").value_or("")) != pid)
+        return "";
+    // Open tried read-only as well; if that is refused, the user lacks
+    // read permission, which the rules file gives.
+    const int fd = ::open(nodePath.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd >= 0) {
+        ::close(fd);
+        return "";
+    }
+    if (errno != EACCES && errno != EPERM) return "";
+    return "Cannot open " + nodePath +
+           ": permission denied. Install the udev rules file 70-korvsdk-devices.rules (from the "
+           "SDK's lib/udev/rules.d) in /etc/udev/rules.d or /usr/lib/udev/rules.d and re-plug "
+           "the device, or run as root.\n";
+}
+
 void LinuxHidrawBackend::Close(HidHandle handle) {
     std::shared_ptr<OpenNode> closing;
     {

@@ -39,6 +39,7 @@ public:
 
     HidHandle Open(const std::string& path) override;
     void Close(HidHandle handle) override;
+    std::string OpenFailureAdvice(const std::string& path, uint16_t vid, uint16_t pid) override;
 
     bool FlushQueue(HidHandle handle) override;
     bool GetAttributes(HidHandle handle, HiddAttributes& attributes) override;
