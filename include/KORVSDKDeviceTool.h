@@ -157,9 +157,14 @@ KORVSDK_API KORVSDK_BOOL KORVSDK_Free_DeviceList(DeviceEntry** list, uint16_t* c
 KORVSDK_API KORVSDK_BOOL KORVSDK_Free_PeCHAR(char** text);
 
 /* Extension: route every debugger-output text to `handler` instead of the
- * platform's channel (OutputDebugStringW on Windows, standard error
- * elsewhere). NULL restores the platform channel. The console-logging switch
- * gates the handler exactly as it gates the platform channel. Returns 1. */
+ * platform's channel. That channel is OutputDebugStringW on Windows (a
+ * debugger or a debug-output viewer shows it) and the system log at debug
+ * level on Linux, tagged KORVSDKDeviceTool (journalctl -t KORVSDKDeviceTool,
+ * or journalctl -p debug). To get the texts on standard error, install a
+ * handler that writes them there, or, on Linux, set the environment variable
+ * KORVSDK_DEBUG_STDERR=1. NULL restores the platform channel. The
+ * console-logging switch gates the handler exactly as it gates the platform
+ * channel. Returns 1. */
 KORVSDK_API int KORVSDK_Set_Debug_Output_Handler(KORVSDK_DebugOutputHandler handler);
 
 /* Extension: reads the selected device's whole USB flash (the bridge chip's

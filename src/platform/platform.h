@@ -12,7 +12,9 @@
 namespace VideoConsoleCore::platform {
 
 // Writes one text to the debugger channel of the process: OutputDebugStringW
-// (the UTF-8 text converted to UTF-16) on Windows, standard error elsewhere.
+// (the UTF-8 text converted to UTF-16) on Windows; elsewhere the system log
+// at debug level (system_log.h), or standard error when the environment
+// variable KORVSDK_DEBUG_STDERR is 1.
 void WriteDebuggerOutput(std::string_view utf8Text);
 
 // Blocks the calling thread for exactly the given number of milliseconds as

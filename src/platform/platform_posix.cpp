@@ -1,5 +1,6 @@
 // Platform glue for Linux and other POSIX systems.
 #include "platform/platform.h"
+#include "platform/system_log.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -17,6 +18,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -27,11 +29,22 @@
 namespace VideoConsoleCore::platform {
 
 void WriteDebuggerOutput(std::string_view utf8Text) {
-    // There is no debugger channel here: standard error is where a developer
-    // watching the process looks. One fwrite keeps a message whole even when
-    // worker threads write at the same time.
-    std::fwrite(utf8Text.data(), 1, utf8Text.size(), stderr);
-    std::fflush(stderr);
+    // KORVSDK_DEBUG_STDERR=1 is for a developer watching the process in a
+    // terminal. Read at every message, so that it can be set at any time.
+    // One fwrite keeps a message whole even when worker threads write at the
+    // same time.
+    const char* toStderr = std::getenv("KORVSDK_DEBUG_STDERR");
+    if (toStderr != nullptr && std::strcmp(toStderr, "1") == 0) {
+        std::fwrite(utf8Text.data(), 1, utf8Text.size(), stderr);
+        std::fflush(stderr);
+        return;
+    }
+    // Otherwise the system log, the quiet channel that Windows' debugger
+    // output is. Never destroyed: the library still says goodbye from the
+    // destructors that run when it is unloaded, after the static objects
+    // made later than the core object are gone.
+    static SystemLog& log = *new SystemLog(kSystemLogSocket);
+    log.Write(utf8Text);
 }
 
 namespace {
@@ -78,7 +91,8 @@ char PathSeparator() { return '/'; }
 
 std::string DesktopFolder() {
     // The password database rather than $HOME: the library reads no
-    // environment variables besides APPDATA and SPDLOG_LEVEL.
+    // environment variables besides APPDATA, SPDLOG_LEVEL and
+    // KORVSDK_DEBUG_STDERR.
     const passwd* entry = getpwuid(getuid());
     if (entry == nullptr || entry->pw_dir == nullptr || entry->pw_dir[0] == '\0') return "";
     return std::string(entry->pw_dir) + "/Desktop";

@@ -178,10 +178,24 @@ TEST_F(GuardTest, InitReportsSuccessOnTheDebuggerChannel) {
 
 TEST_F(GuardTest, NullHandlerRestoresThePlatformChannel) {
     KORVSDK_Set_Debug_Output_Handler(nullptr);
-    if (korvsdk_test::DebuggerChannelIsStderr()) {
-        testing::internal::CaptureStderr();
-        EXPECT_EQ(KORVSDK_Check_Is_Boot_Mode(), 0);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), kInitFirst);
+    if (korvsdk_test::DebuggerChannelCanBeStderr()) {
+        // The system log unless a developer asks for standard error.
+        const struct {
+            const char* value;  // of KORVSDK_DEBUG_STDERR; null: unset
+            std::string onStderr;
+        } cases[] = {{nullptr, ""}, {"0", ""}, {"yes", ""}, {"1", kInitFirst}};
+        for (const auto& c : cases) {
+            if (c.value != nullptr) {
+                korvsdk_test::SetEnvironment("KORVSDK_DEBUG_STDERR", c.value);
+            } else {
+                korvsdk_test::UnsetEnvironment("KORVSDK_DEBUG_STDERR");
+            }
+            testing::internal::CaptureStderr();
+            EXPECT_EQ(KORVSDK_Check_Is_Boot_Mode(), 0);
+            EXPECT_EQ(testing::internal::GetCapturedStderr(), c.onStderr)
+                << "KORVSDK_DEBUG_STDERR=" << (c.value != nullptr ? c.value : "(unset)");
+        }
+        korvsdk_test::UnsetEnvironment("KORVSDK_DEBUG_STDERR");
     } else {
         EXPECT_EQ(KORVSDK_Check_Is_Boot_Mode(), 0);
     }

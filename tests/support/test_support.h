@@ -46,9 +46,9 @@ std::vector<fs::path> FilesStartingWith(const fs::path& folder, const std::strin
 // Environment variables (test_env_<platform>.cpp).
 void SetEnvironment(const char* name, const std::string& value);
 void UnsetEnvironment(const char* name);
-// Whether the library's own debugger channel on this platform is standard
-// error (and so can be captured by a test).
-bool DebuggerChannelIsStderr();
+// Whether KORVSDK_DEBUG_STDERR=1 turns the library's own debugger channel on
+// this platform into standard error (which a test can capture).
+bool DebuggerChannelCanBeStderr();
 
 // Collects the texts handed to a debug-output handler.
 struct MessageLog {
