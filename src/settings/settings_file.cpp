@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 namespace VideoConsoleCore {
@@ -17,7 +18,10 @@ void ParseSettingsLine(std::string_view line, SettingsTable& table) {
 }
 
 bool ReadSettingsFile(const std::string& path, SettingsTable& table) {
-    if (path.empty()) return false;
+    // A folder opens as a stream on Linux and reads as empty; on Windows it
+    // does not open. Either way it is no settings file.
+    std::error_code error;
+    if (path.empty() || std::filesystem::is_directory(path, error)) return false;
     std::ifstream file(path, std::ios::in | std::ios::binary);
     if (!file.is_open()) return false;
 

@@ -93,6 +93,13 @@ TEST_F(InitTest, GivenPathIsReadAndNullPathFallsBackToWorkingFolder) {
     EXPECT_TRUE(FilesStartingWith(Here(), "Device_Log_").empty());
 }
 
+TEST_F(InitTest, AFolderGivenForTheFileFallsBackToSettingCfg) {
+    fs::create_directory(Here() / "conf");
+    WriteFile(Here() / "setting.cfg", "EnableLocalLogging=0\n");
+    EXPECT_EQ(KORVSDK_Init((Here() / "conf").string().c_str()), 1);
+    EXPECT_TRUE(FilesStartingWith(Here(), "Device_Log_").empty());
+}
+
 TEST_F(InitTest, NullPathReadsSettingCfgOfTheWorkingFolder) {
     WriteFile(Here() / "setting.cfg", "EnableLocalLogging=0\n");
     EXPECT_EQ(KORVSDK_Init(nullptr), 1);

@@ -54,6 +54,9 @@ TEST(SettingsFile, MissingFileLeavesTableAlone) {
     SettingsTable table{{"Kept", "yes"}};
     EXPECT_FALSE(ReadSettingsFile("/no/such/folder/setting.cfg", table));
     EXPECT_FALSE(ReadSettingsFile("", table));
+    // A folder, which a stream opens on Linux: the caller falls back to
+    // setting.cfg then.
+    EXPECT_FALSE(ReadSettingsFile(std::filesystem::temp_directory_path().string(), table));
     EXPECT_EQ(table.size(), 1u);
 }
 
