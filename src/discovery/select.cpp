@@ -191,6 +191,9 @@ bool VideoConsoleCoreImp::SelectDevice(DeviceEntry* entry) {
         DebugOut(Format("restart select device... error time: %d\n", attempt));
     }
     if (!identified) {
+        // The interface was taken over but the device never answered: it
+        // does not count as open.
+        m_deviceOpen = false;
         LogInfo("[Select Device] HidDevices not Got it!!");
         return false;
     }

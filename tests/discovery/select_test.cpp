@@ -123,6 +123,7 @@ TEST_F(Select, FlashThatCannotBeIdentifiedGivesTenAttempts) {
                   1);
     EXPECT_EQ(MessageLog::Count("Error initializing flash and RW buffer!\n"), 10);
     EXPECT_FALSE(core_.m_selected);
+    EXPECT_FALSE(core_.m_deviceOpen);
 }
 
 TEST_F(Select, FlashIdentifiedOnASecondAttempt) {
