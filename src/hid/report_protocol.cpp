@@ -134,10 +134,22 @@ uint32_t AccessIicData(VideoConsoleCoreImp& core, int mode, uint8_t address, uin
     std::lock_guard exchange(core.m_exchangeLock);
     const bool read = mode == kIicRead;
     uint8_t* bytes = ClearedBuffer(core, kIicReport);
-    // Header (3) + address + count + data + read count must fit the report.
-    // Header, address, count, the data and (reading) the read count must fit.
+    // Header (3), address, count, the data and (reading) the read count must
+    // fit the report; a request that does not is refused before it is sent.
     const uint32_t needed = 5u + writeCount + (read ? 1u : 0u);
-    if (needed > OutputLength(core, kIicReport) || (writeCount > 0 && data == nullptr)) return 0;
+    const uint32_t reportLength = OutputLength(core, kIicReport);
+    if (needed > reportLength || (writeCount > 0 && data == nullptr)) {
+        // Without a device there is no report: the callers' own silence
+        // stands then.
+        if (reportLength == 0) return 0;
+        char text[128];
+        std::snprintf(text, sizeof text,
+                      "AccessIicData: %s; nothing was sent.\n",
+                      writeCount > 0 && data == nullptr ? "no data to write"
+                                                        : "the request does not fit the I2C report");
+        core.DebugOut(text);
+        return 0;
+    }
     bytes[3] = address;
     bytes[4] = writeCount;
     if (writeCount > 0) std::memcpy(bytes + 5, data, writeCount);
@@ -168,10 +180,18 @@ uint32_t AccessFlashData(VideoConsoleCoreImp& core, int operation, uint8_t acces
     // A single write must fit one data report; refuse before touching the
     // bridge's flash set-up.
     const uint32_t dataLength = OutputLength(core, kDataReport);
-    if (operation == kFlashOpWrite &&
-        (data == nullptr || dataLength <= kDataHeaderBytes || length > dataLength - kDataHeaderBytes))
+    const bool writeFits =
+        data != nullptr && dataLength > kDataHeaderBytes && length <= dataLength - kDataHeaderBytes;
+    if ((operation == kFlashOpWrite && !writeFits) || (operation == kFlashOpRead && data == nullptr)) {
+        if (dataLength == 0) return 0;  // no device: nothing to say
+        char text[128];
+        std::snprintf(text, sizeof text,
+                      "AccessFlashData: %s 0x%x bytes at 0x%x refused; nothing was sent.\n",
+                      data == nullptr ? "no buffer for" : "one data report cannot carry", length,
+                      address);
+        core.DebugOut(text);
         return 0;
-    if (operation == kFlashOpRead && data == nullptr) return 0;
+    }
 
     bool hidError = false;
     uint8_t* bytes = ClearedBuffer(core, kCommandReport);

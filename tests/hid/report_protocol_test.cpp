@@ -126,6 +126,8 @@ TEST_F(ProtocolTest, IicRequestLargerThanTheReportIsRefused) {
     std::vector<uint8_t> data(16, 0xEE);
     EXPECT_EQ(AccessIicData(core, kIicWrite, 0x1A, 10, data.data(), 0), 0u);
     EXPECT_TRUE(backend->outputReports.empty());
+    EXPECT_EQ(MessageLog::All(),
+              "AccessIicData: the request does not fit the I2C report; nothing was sent.\n");
 }
 
 TEST_F(ProtocolTest, HidErrorFailsQuietlyExceptForTheIicLogLine) {
@@ -165,6 +167,10 @@ TEST_F(ProtocolTest, FlashSetUpThenSingleWriteWithDataAtByteFour) {
     std::vector<uint8_t> tooLong(9);
     EXPECT_EQ(AccessFlashData(core, kFlashOpWrite, 2, 0, 9, tooLong.data()), 0u);
     EXPECT_EQ(backend->outputReports.size(), 3u) << "nothing is sent for a write that cannot fit";
+    EXPECT_NE(MessageLog::All().find("AccessFlashData: one data report cannot carry 0x9 bytes at "
+                                     "0x0 refused; nothing was sent.\n"),
+              std::string::npos)
+        << MessageLog::All();
 }
 
 TEST_F(ProtocolTest, BurstSplitsIntoChunks) {
