@@ -7,6 +7,8 @@
 #include <exception>
 #include <string>
 
+#include <spdlog/logger.h>
+
 #include "core/VideoConsoleCoreImp.h"
 #include "device/mcu_access.h"
 #include "hid/report_protocol.h"
@@ -155,8 +157,12 @@ uint8_t VideoConsoleCoreImp::GetUsbAppInfo() {
     }
     try {
         uint8_t reply[kUsbInfoBytes];
-        if (!FetchReply(*this, templates::kUsbInfo, reply, sizeof reply))
-            LogInfo("Unknown error: Couldn't execute REPORT_USB_INFO function\n");
+        if (!FetchReply(*this, templates::kUsbInfo, reply, sizeof reply) && m_localLogging &&
+            m_logger) {
+            // Logged with its own line feed (LogInfo would drop it): the
+            // log shows an empty line after it.
+            m_logger->info("{}", "Unknown error: Couldn't execute REPORT_USB_INFO function\n");
+        }
         LogInfo("[APP Info]");
         const int width = reply[0] * 256 + reply[1];
         const int height = reply[2] * 256 + reply[3];

@@ -2,6 +2,7 @@
 // the microcontroller information with the splitter's EDID.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,22 @@ TEST_F(Info, UsbStreamInformationNeedsRecentFirmware) {
     Start("Virtual0_UsbFwVersion=01.00.00.09\n");
     EXPECT_EQ(core_.GetUsbAppInfo(), 0);
     EXPECT_EQ(OnlyState(), "[APP_info] ERROR: Firmware version too low");
+}
+
+TEST_F(Info, FailedUsbReadLogsItsTextWithItsLineFeed) {
+    Start("EnableLocalLogging=1\n");
+    Device().Unplug(0);
+    EXPECT_EQ(core_.GetUsbAppInfo(), 1);  // the values of the cleared buffer
+    std::string log;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.path()))
+        if (entry.path().filename().string().rfind("Device_Log_", 0) == 0)
+            log = korvsdk_test::ReadFile(entry.path());
+    const std::string line = "Unknown error: Couldn't execute REPORT_USB_INFO function\n";
+    const size_t at = log.find(line);
+    ASSERT_NE(at, std::string::npos) << log;
+    // The text's own line feed, then the log's end of line: an empty line.
+    const std::string after = log.substr(at + line.size(), 2);
+    EXPECT_TRUE(after.rfind("\n", 0) == 0 || after == "\r\n") << log;
 }
 
 TEST_F(Info, HdmiInformationAsHexText) {
