@@ -3,6 +3,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <string>
 
 #include "support/test_support.h"
 
@@ -75,13 +76,23 @@ int Spawn(const std::filesystem::path& program, const std::vector<std::string>& 
     startup.hStdOutput = OpenForChild(outFile, true);
     startup.hStdError = OpenForChild(errFile, true);
     PROCESS_INFORMATION process{};
-    const BOOL started = CreateProcessW(program.wstring().c_str(), commandLine.data(), nullptr,
-                                        nullptr, TRUE, 0, nullptr, workDir.wstring().c_str(),
-                                        &startup, &process);
+    // Under Wine a start now and then fails while the wineserver is busy
+    // with the other test processes; a few tries ride that out.
+    BOOL started = FALSE;
+    DWORD error = 0;
+    for (int attempt = 0; attempt < 5 && !started; ++attempt) {
+        if (attempt > 0) Sleep(200);
+        started = CreateProcessW(program.wstring().c_str(), commandLine.data(), nullptr, nullptr,
+                                 TRUE, 0, nullptr, workDir.wstring().c_str(), &startup, &process);
+        if (!started) error = GetLastError();
+    }
     CloseHandle(startup.hStdInput);
     CloseHandle(startup.hStdOutput);
     CloseHandle(startup.hStdError);
-    if (!started) throw std::runtime_error("cannot start " + program.string());
+    if (!started) {
+        throw std::runtime_error("cannot start " + program.string() + " (error " +
+                                 std::to_string(error) + ")");
+    }
     WaitForSingleObject(process.hProcess, INFINITE);
     DWORD exitCode = 0;
     GetExitCodeProcess(process.hProcess, &exitCode);
