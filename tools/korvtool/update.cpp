@@ -208,6 +208,24 @@ std::string ReadFlashInto(Session& session, FirmwareCallback& callback, const st
     return message;
 }
 
+// A backup of the selected device as korvtool runs it: announced on the
+// display, read, and kept in the history whatever its end.
+std::string BackUp(Session& session, FirmwareCallback& callback, const DeviceInfo& device,
+                   const std::string& versionBefore, const std::string& file,
+                   ProgressDisplay& display) {
+    display.Start({{"kind", "backup"}, {"device", DeviceName(device)}, {"file", file}});
+    HistoryLine history(device, "backup", file);
+    history["version_before"] = versionBefore;
+    try {
+        const std::string message = ReadFlashInto(session, callback, file, display);
+        history.Write(display, "completed", message);
+        return message;
+    } catch (const ToolError& e) {
+        history.Write(display, "failed", e.what());
+        throw;
+    }
+}
+
 // The version the device runs, as the image names it: USB "xx.xx.xx.xx"
 // (the bridge's running-version registers; the image's text carries a
 // build number after it), MCU the version number, characters 3-4 of
@@ -337,13 +355,9 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
 
     const std::string deviceName = DeviceName(device);
     if (!request.backupFile.empty()) {
-        display.Start({{"kind", "backup"}, {"device", deviceName}, {"file", request.backupFile}});
-        HistoryLine backup(device, "backup", request.backupFile);
-        backup["version_before"] = before;
         try {
-            backup.Write(display, "completed", ReadFlashInto(session, callback, request.backupFile, display));
+            BackUp(session, callback, device, before, request.backupFile, display);
         } catch (const ToolError& e) {
-            backup.Write(display, "failed", e.what());
             throw Failure(std::string(e.what()) + "; the update was not started");
         }
     }
@@ -442,18 +456,8 @@ CommandResult RunBackup(Session& session, const DeviceChoice& choice, const std:
     const DeviceInfo device = session.Devices()[index];
     const std::string deviceName = DeviceName(device);
     const std::string version = TakeText(KORVSDK_Get_USB_FW_Ver());
-    HistoryLine history(device, "backup", file);
-    history["version_before"] = version;
-    display.Start({{"kind", "backup"}, {"device", deviceName}, {"file", file}});
     FirmwareCallback callback(false);
-    std::string message;
-    try {
-        message = ReadFlashInto(session, callback, file, display);
-    } catch (const ToolError& e) {
-        history.Write(display, "failed", e.what());
-        throw;
-    }
-    history.Write(display, "completed", message);
+    const std::string message = BackUp(session, callback, device, version, file, display);
     CommandResult result;
     result.json = {{"kind", "backup"}, {"device", deviceName}, {"file", file},
                    {"usb_firmware", version}, {"state", "ReadCompleted"}, {"message", message}};
