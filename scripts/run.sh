@@ -42,7 +42,7 @@ step --virtual audio
 # Images newer than the virtual device's firmware, made for it.
 step make-image usb new-usb.hex
 step make-image mcu new-mcu.bin
-# The virtual device's user re-plugs it two seconds after an update.
+# The virtual device's user re-plugs it four seconds after an update.
 step --virtual update usb new-usb.hex --backup backup.hex --wait-replug 30
 step --virtual update mcu new-mcu.bin --wait-replug 30
 step history

@@ -11,7 +11,8 @@ namespace korvtool {
 std::string BuiltInVirtualSettings() {
     // One virtual device with the library's default identity (VID FFF0,
     // PID 0C01, serial VC00000001) and a locked 1080p60 HDMI input, whose
-    // user re-plugs it two seconds after an update has written it.
+    // user re-plugs it four seconds after an update last wrote to it (a
+    // machine under load may pause an update for a second or two).
     return "DeviceBackend=virtual\n"
            "EnableLocalLogging=0\n"
            "FW_Overwrite=0\n"
@@ -23,7 +24,7 @@ std::string BuiltInVirtualSettings() {
            "Virtual0_UsbHeight=1080\n"
            "Virtual0_UsbFrameRate=60\n"
            "Virtual0_UsbColorFormat=2\n"
-           "Virtual0_ReplugAfterUpdateMs=2000\n";
+           "Virtual0_ReplugAfterUpdateMs=4000\n";
 }
 
 TemporarySettingsFile::TemporarySettingsFile(const std::string& text) {
