@@ -1,25 +1,64 @@
 // The per-run log file: one spdlog file logger, "VideoCapture", appending to
 // "Device_Log_<time stamp>.txt" in the folder that setting.cfg chooses.
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+
 #include <spdlog/cfg/env.h>
-#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
 #include "core/VideoConsoleCoreImp.h"
+#include "platform/platform.h"
 #include "settings/log_location.h"
 
 namespace VideoConsoleCore {
 
-void VideoConsoleCoreImp::StartLogger() {
-    const LogLocation location = LogLocation::Build();
-    location.RemoveOldLogs();
-    m_logFilePath = location.LogFilePath();
+namespace {
 
+// spdlog's own file sink opens a narrow path with the C runtime, which on
+// Windows reads it in the ANSI code page: a log folder below a working folder
+// named in other characters would never open. This sink appends to a file
+// the platform layer opened from the UTF-8 path.
+class AppendingFileSink final : public spdlog::sinks::base_sink<std::mutex> {
+public:
+    explicit AppendingFileSink(const std::string& path)
+        : file_(platform::OpenFileForAppending(path)) {
+        if (file_ == nullptr) throw std::runtime_error("cannot open " + path);
+    }
+    ~AppendingFileSink() override { std::fclose(file_); }
+    AppendingFileSink(const AppendingFileSink&) = delete;
+    AppendingFileSink& operator=(const AppendingFileSink&) = delete;
+
+protected:
+    void sink_it_(const spdlog::details::log_msg& message) override {
+        spdlog::memory_buf_t line;
+        formatter_->format(message, line);
+        std::fwrite(line.data(), 1, line.size(), file_);
+    }
+    void flush_() override { std::fflush(file_); }
+
+private:
+    std::FILE* file_;
+};
+
+}  // namespace
+
+void VideoConsoleCoreImp::StartLogger() {
     spdlog::cfg::load_env_levels();  // honours SPDLOG_LEVEL
     try {
+        // A path that does not convert (not UTF-8) throws like a file that
+        // does not open.
+        const LogLocation location = LogLocation::Build();
+        location.RemoveOldLogs();
+        m_logFilePath = location.LogFilePath();
         // A logger of this name from an earlier start in this process (only a
         // second core object can do that) gives way to the new one.
         spdlog::drop(location.loggerName);
-        m_logger = spdlog::basic_logger_mt(location.loggerName, m_logFilePath, false);
+        m_logger = std::make_shared<spdlog::logger>(
+            location.loggerName, std::make_shared<AppendingFileSink>(m_logFilePath));
+        spdlog::initialize_logger(m_logger);
     } catch (const std::exception&) {
         m_logger.reset();
         DebugOutAlways("create log file failed!!!\n");

@@ -32,8 +32,12 @@ LocalTime CurrentLocalTime();
 // The path separator used when the library joins folder names.
 char PathSeparator();
 
-// The user's desktop folder, or "" when it cannot be determined.
+// The user's desktop folder (UTF-8), or "" when it cannot be determined.
 std::string DesktopFolder();
+
+// The value of an environment variable as UTF-8; "" when it is unset.
+// Windows reads the wide environment: the ANSI one cannot hold every name.
+std::string EnvironmentVariable(const char* name);
 
 // ---- Files (firmware images). Paths are UTF-8; Windows opens them wide.
 using FileHandle = intptr_t;
@@ -54,6 +58,9 @@ void CloseFile(FileHandle file);
 inline constexpr uint32_t kDiskFullError = 112;
 // Creates or truncates `path` for writing bytes; null when it cannot.
 std::FILE* CreateFileForWriting(const std::string& path);
+// Opens `path` for appending bytes, creating it when missing; null when it
+// cannot.
+std::FILE* OpenFileForAppending(const std::string& path);
 // Puts the finished file `from` in the place of `to`, replacing what was
 // there, in one step where the file system allows.
 bool MoveIntoPlace(const std::string& from, const std::string& to);

@@ -98,6 +98,11 @@ std::string DesktopFolder() {
     return std::string(entry->pw_dir) + "/Desktop";
 }
 
+std::string EnvironmentVariable(const char* name) {
+    const char* value = name == nullptr ? nullptr : std::getenv(name);
+    return value == nullptr ? std::string() : std::string(value);
+}
+
 bool IsExistingFile(const std::string& path) {
     struct stat info {};
     return !path.empty() && stat(path.c_str(), &info) == 0 && !S_ISDIR(info.st_mode);
@@ -110,6 +115,10 @@ FileHandle OpenFileForReading(const std::string& path) {
 
 std::FILE* CreateFileForWriting(const std::string& path) {
     return path.empty() ? nullptr : std::fopen(path.c_str(), "wbe");  // e: close on exec
+}
+
+std::FILE* OpenFileForAppending(const std::string& path) {
+    return path.empty() ? nullptr : std::fopen(path.c_str(), "abe");
 }
 
 bool MoveIntoPlace(const std::string& from, const std::string& to) {

@@ -96,15 +96,13 @@ std::string DesktopFolder() {
     }
     if (!found) return "";
 
-    // Narrow text in the process's ANSI code page, like every narrow path the
-    // library hands to the C runtime.
-    const int length = WideCharToMultiByte(CP_ACP, 0, widePath, -1, nullptr, 0, nullptr, nullptr);
-    if (length <= 0) return "";
-    std::string narrow(static_cast<size_t>(length), '\0');
-    if (WideCharToMultiByte(CP_ACP, 0, widePath, -1, narrow.data(), length, nullptr, nullptr) <= 0)
-        return "";
-    narrow.resize(static_cast<size_t>(length) - 1);  // drop the terminating zero
-    return narrow;
+    return WideToUtf8(widePath);
+}
+
+std::string EnvironmentVariable(const char* name) {
+    const std::wstring wideName = Utf8ToWide(name == nullptr ? "" : name);
+    const wchar_t* value = wideName.empty() ? nullptr : _wgetenv(wideName.c_str());
+    return value == nullptr ? std::string() : WideToUtf8(value);
 }
 
 bool IsExistingFile(const std::string& path) {
@@ -128,6 +126,11 @@ FileHandle OpenFileForReading(const std::string& path) {
 std::FILE* CreateFileForWriting(const std::string& path) {
     const std::wstring wide = WidePath(path);
     return wide.empty() ? nullptr : _wfopen(wide.c_str(), L"wb");
+}
+
+std::FILE* OpenFileForAppending(const std::string& path) {
+    const std::wstring wide = WidePath(path);
+    return wide.empty() ? nullptr : _wfopen(wide.c_str(), L"ab");
 }
 
 bool MoveIntoPlace(const std::string& from, const std::string& to) {

@@ -1,7 +1,6 @@
 #include "settings/log_location.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -17,10 +16,23 @@ std::string Join(const std::string& folder, const std::string& name) {
     return folder + platform::PathSeparator() + name;
 }
 
+// Paths are UTF-8 texts. A plain std::string given to std::filesystem would be
+// read in the ANSI code page on Windows, and a working folder with characters
+// outside it would become a folder that does not exist; the char8_t forms
+// convert to UTF-16 there and pass the bytes through elsewhere.
+fs::path FromUtf8(const std::string& text) {
+    return fs::path(std::u8string(text.begin(), text.end()));
+}
+
+std::string ToUtf8(const fs::path& path) {
+    const std::u8string text = path.u8string();
+    return std::string(text.begin(), text.end());
+}
+
 // Creates one folder level; an existing folder, or a failure, is no error.
 void CreateFolderIfMissing(const std::string& folder) {
     std::error_code ignored;
-    if (!fs::exists(fs::path(folder), ignored)) fs::create_directory(fs::path(folder), ignored);
+    if (!fs::exists(FromUtf8(folder), ignored)) fs::create_directory(FromUtf8(folder), ignored);
 }
 
 }  // namespace
@@ -50,8 +62,7 @@ void LogLocation::ApplySettings(const SettingsTable& table) {
     if (!settings["ProductFolderName"].empty()) productFolderName = settings["ProductFolderName"];
     if (!settings["CurrentFolderName"].empty()) currentFolderName = settings["CurrentFolderName"];
     if (currentFolderName.empty()) currentFolderName = ".";
-    const char* appData = std::getenv("APPDATA");
-    appDataPath = appData != nullptr ? appData : "";
+    appDataPath = platform::EnvironmentVariable("APPDATA");
 }
 
 std::string LogLocation::UserBaseFolder() const {
@@ -71,8 +82,8 @@ void LogLocation::CreateFolders() const {
 std::string LogLocation::LogFolder() const {
     if (genToCurrentFolder) {
         std::error_code failed;
-        const fs::path absolute = fs::absolute(fs::path(currentFolderName), failed);
-        return failed ? currentFolderName : absolute.lexically_normal().string();
+        const fs::path absolute = fs::absolute(FromUtf8(currentFolderName), failed);
+        return failed ? currentFolderName : ToUtf8(absolute.lexically_normal());
     }
     return Join(Join(UserBaseFolder(), companyFolderName), productFolderName);
 }
@@ -92,13 +103,13 @@ int LogLocation::RemoveOldLogs() const {
     if (appDataPath.empty()) return 0;
     int removed = 0;
     std::error_code failed;
-    for (fs::directory_iterator it(fs::path(appDataPath), failed), end; !failed && it != end;
+    for (fs::directory_iterator it(FromUtf8(appDataPath), failed), end; !failed && it != end;
          it.increment(failed)) {
-        const std::string name = it->path().filename().string();
+        const std::string name = ToUtf8(it->path().filename());
         // First seven characters against the whole prefix: never equal.
         if (name.compare(0, 7, logPrefix) == 0) {
             std::error_code ignored;
-            if (fs::remove(fs::path(Join(appDataPath, name)), ignored)) ++removed;
+            if (fs::remove(FromUtf8(Join(appDataPath, name)), ignored)) ++removed;
         }
     }
     return removed;

@@ -16,7 +16,7 @@ namespace VideoConsoleCore {
 std::string LocalTimeStamp();
 
 struct LogLocation {
-    std::string appDataPath;  // value of APPDATA; "" when unset
+    std::string appDataPath;  // value of APPDATA (UTF-8); "" when unset
     std::string loggerName = "VideoCapture";
     SettingsTable settings;
     std::string currentFolderName;

@@ -98,3 +98,21 @@ TEST_F(LoggerTest, FailureToCreateTheFileSwitchesTheFileChannelOff) {
     EXPECT_EQ(MessageLog::All(), "create log file failed!!!\n");
     core.LogInfo("goes nowhere");  // must not crash without a logger
 }
+
+// The log folder is the working folder here; its name is outside any ANSI
+// code page, so only a UTF-8 path opened wide on Windows reaches it.
+TEST_F(LoggerTest, LogsBelowAWorkingFolderNamedInAnyScript) {
+    const fs::path here = folder_.path() / fs::path(u8"Prüfung-日本");
+    fs::create_directory(here);
+    korvsdk_test::WorkingFolder inside(here);
+    VideoConsoleCoreImp core;
+    core.StartLogger();
+    ASSERT_TRUE(core.m_localLogging);
+    core.Report("logged\n");
+
+    const auto files = korvsdk_test::FilesStartingWith(here, "Device_Log_");
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_NE(ReadFile(files[0]).find("[info] logged"), std::string::npos);
+    const std::string path = core.LogFilePath();
+    EXPECT_EQ(fs::path(std::u8string(path.begin(), path.end())), files[0]);
+}
