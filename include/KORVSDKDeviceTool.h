@@ -14,7 +14,10 @@
  *
  * Call the API from one thread. Callbacks run on the thread that performs the
  * operation which fires them; the records they receive belong to the library
- * and are freed as soon as the callback returns, so copy what you keep.
+ * and are freed as soon as the callback returns, so copy what you keep. A
+ * callback may call the library; a call made inside a callback does not raise
+ * that same callback again (it runs and returns its result, silently).
+ * Callbacks may be registered and released at any time, an update included.
  */
 #ifndef KORVSDK_DEVICE_TOOL_H
 #define KORVSDK_DEVICE_TOOL_H

@@ -100,6 +100,9 @@ public:
     KORVSDK_DevFwUpdateStateCallback FwUpdateStateCallback() const {
         return m_fwUpdateStateCallback;
     }
+    // The scan-list callback with `count` entries, unless this thread is
+    // already inside it.
+    void NotifyScanList(DeviceEntry* entries, uint16_t count);
 
     // Fires the device-state callback, if one is registered, with a fresh
     // zeroed record carrying `message` (when non-null) and `value`; the record

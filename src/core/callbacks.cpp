@@ -22,6 +22,29 @@ int CloseSlot(std::atomic<Fn>& slot) {
     return slot.exchange(nullptr) != nullptr ? 1 : 0;
 }
 
+// A client callback may call back into the library, and the export it calls
+// may raise the same callback again (a device-state callback that asks for
+// the USB version, a scan-list callback that scans): that inner raise is
+// skipped, on this thread only, so such a client does not recurse without
+// end. The inner call itself runs and returns its result.
+enum CallbackKind { kScanList, kDeviceState, kFwUpdateState, kCallbackKinds };
+thread_local bool t_inside[kCallbackKinds] = {};
+
+class InsideCallback {
+public:
+    explicit InsideCallback(CallbackKind kind) : kind_(kind), nested_(t_inside[kind]) {
+        t_inside[kind] = true;
+    }
+    ~InsideCallback() { t_inside[kind_] = nested_; }
+    InsideCallback(const InsideCallback&) = delete;
+    InsideCallback& operator=(const InsideCallback&) = delete;
+    bool Nested() const { return nested_; }
+
+private:
+    CallbackKind kind_;
+    bool nested_;
+};
+
 char* HeapCopy(const char* text) {
     const size_t size = std::strlen(text) + 1;
     char* copy = static_cast<char*>(std::malloc(size));
@@ -46,6 +69,12 @@ int VideoConsoleCoreImp::CloseFwUpdateStateCallback() {
     return CloseSlot(m_fwUpdateStateCallback);
 }
 
+void VideoConsoleCoreImp::NotifyScanList(DeviceEntry* entries, uint16_t count) {
+    const KORVSDK_ScanDeviceListCallback callback = m_scanListCallback.load();
+    const InsideCallback inside(kScanList);
+    if (callback != nullptr && !inside.Nested()) callback(entries, count);
+}
+
 void VideoConsoleCoreImp::NotifyDeviceState(const char* message, uint64_t value) {
     NotifyDeviceState(message, value, nullptr, nullptr);
 }
@@ -53,7 +82,8 @@ void VideoConsoleCoreImp::NotifyDeviceState(const char* message, uint64_t value)
 void VideoConsoleCoreImp::NotifyDeviceState(const char* message, uint64_t value,
                                             const char* text0, const char* text1) {
     const KORVSDK_DeviceStateCallback callback = m_deviceStateCallback.load();
-    if (callback == nullptr) return;
+    const InsideCallback inside(kDeviceState);
+    if (callback == nullptr || inside.Nested()) return;
     auto* record = static_cast<DeviceStateInfo*>(std::calloc(1, sizeof(DeviceStateInfo)));
     if (record == nullptr) return;
     if (message != nullptr) record->message = HeapCopy(message);
@@ -73,7 +103,8 @@ void VideoConsoleCoreImp::NotifyFwUpdateState(const char* usbFileText, const cha
                                               float percent) {
     toolcore::NotifyFirmwareUpdateInfo(*this, usbFileText, mcuFileText, state, message, percent);
     const KORVSDK_DevFwUpdateStateCallback callback = m_fwUpdateStateCallback.load();
-    if (callback == nullptr) return;
+    const InsideCallback inside(kFwUpdateState);
+    if (callback == nullptr || inside.Nested()) return;
     auto* record = static_cast<DevFwUpdateStateInfo*>(std::calloc(1, sizeof(DevFwUpdateStateInfo)));
     if (record == nullptr) return;
     if (usbFileText != nullptr) record->usbFileText = HeapCopy(usbFileText);

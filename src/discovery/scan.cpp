@@ -79,9 +79,9 @@ bool VideoConsoleCoreImp::ScanDeviceList(DeviceEntry** list, uint16_t* count) {
     if (total > 0) platform::SleepMilliseconds(kPaceBeforeListsMs);
 
     // The callback gets a copy of its own, freed as soon as it returns.
-    if (const KORVSDK_ScanDeviceListCallback callback = ScanListCallback()) {
+    if (ScanListCallback() != nullptr) {
         DeviceEntry* copy = AllocateDeviceList(found);
-        callback(copy, total);
+        NotifyScanList(copy, total);
         FreeDeviceEntries(copy, total);
     }
     if (list != nullptr) *list = AllocateDeviceList(found);

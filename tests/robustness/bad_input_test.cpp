@@ -1,0 +1,300 @@
+// Bad input on every export, seen as a careless or busy application would
+// give it: null pointers, every export called from a second thread while an
+// update runs (refused by the state guard or answered, never a crash, and the
+// update still completes), callbacks registered and released meanwhile, and
+// callbacks that call back into the library.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "KORVSDKDeviceTool.h"
+#include "support/test_support.h"
+#include "virtual/device/usb_image.h"
+#include "virtual/mcu/mcu_image.h"
+
+using korvsdk_test::MessageLog;
+namespace vd = VideoConsoleCore::virtualdev;
+
+namespace {
+
+std::string Take(char* text) {
+    std::string copy = text != nullptr ? text : "<null>";
+    KORVSDK_Free_PeCHAR(&text);
+    return copy;
+}
+
+std::atomic<int> g_callbacks{0};
+void CountScan(DeviceEntry*, uint16_t) { ++g_callbacks; }
+void CountDeviceState(DeviceStateInfo*) { ++g_callbacks; }
+void CountFwState(DevFwUpdateStateInfo*) { ++g_callbacks; }
+
+struct Export {
+    const char* name;
+    std::function<void()> call;
+};
+
+// Every export, called as an application would while the library is busy;
+// the callback slots are registered and released round after round.
+std::vector<Export> EveryExport(DeviceEntry* entry, const std::string& hex,
+                                const std::string& bin, const std::string& backup) {
+    auto get = [](KORVSDK_BOOL (*f)(uint8_t*)) { return [f] { uint8_t x = 0; f(&x); }; };
+    auto set = [](KORVSDK_BOOL (*f)(uint8_t), uint8_t x) { return [f, x] { f(x); }; };
+    return {
+        {"KORVSDK_Init", [] { KORVSDK_Init("setting.cfg"); }},
+        {"KORVSDK_Scan_DeviceList",
+         [] {
+             DeviceEntry* list = nullptr;
+             uint16_t count = 0;
+             KORVSDK_Scan_DeviceList(&list, &count);
+             KORVSDK_Free_DeviceList(&list, &count);
+         }},
+        {"KORVSDK_Select_Device", [entry] { KORVSDK_Select_Device(entry); }},
+        {"KORVSDK_Get_Device_USBType", [] { KORVSDK_Get_Device_USBType(); }},
+        {"KORVSDK_Get_USB_FW_Ver", [] { Take(KORVSDK_Get_USB_FW_Ver()); }},
+        {"KORVSDK_Get_MCU_FW_Ver", [] { Take(KORVSDK_Get_MCU_FW_Ver()); }},
+        {"KORVSDK_Set_USB_HexFile", [hex] { KORVSDK_Set_USB_HexFile(hex.c_str()); }},
+        {"KORVSDK_Set_MCU_BinFile", [bin] { KORVSDK_Set_MCU_BinFile(bin.c_str()); }},
+        {"KORVSDK_Get_USB_HexFile_Ver", [] { Take(KORVSDK_Get_USB_HexFile_Ver()); }},
+        {"KORVSDK_Get_MCU_BinFile_Ver", [] { Take(KORVSDK_Get_MCU_BinFile_Ver()); }},
+        {"KORVSDK_Start_USB_FwUpdate", [] { KORVSDK_Start_USB_FwUpdate(); }},
+        {"KORVSDK_Start_MCU_FwUpdate", [] { KORVSDK_Start_MCU_FwUpdate(); }},
+        {"KORVSDK_Check_IsFirmwareUpdating", [] { KORVSDK_Check_IsFirmwareUpdating(); }},
+        {"KORVSDK_Open_CB_Scan_DeviceList", [] { KORVSDK_Open_CB_Scan_DeviceList(CountScan); }},
+        {"KORVSDK_Open_CB_Device_StateInfo",
+         [] { KORVSDK_Open_CB_Device_StateInfo(CountDeviceState); }},
+        {"KORVSDK_Close_CB_DevFwUpdate_StateInfo", [] { KORVSDK_Close_CB_DevFwUpdate_StateInfo(); }},
+        {"KORVSDK_Open_CB_DevFwUpdate_StateInfo",
+         [] { KORVSDK_Open_CB_DevFwUpdate_StateInfo(CountFwState); }},
+        {"KORVSDK_Close_CB_Scan_DeviceList", [] { KORVSDK_Close_CB_Scan_DeviceList(); }},
+        {"KORVSDK_Close_CB_Device_StateInfo", [] { KORVSDK_Close_CB_Device_StateInfo(); }},
+        {"KORVSDK_Get_HDMI_Info", [] { KORVSDK_Get_HDMI_Info(); }},
+        {"KORVSDK_Get_MCU_Info", [] { KORVSDK_Get_MCU_Info(); }},
+        {"KORVSDK_Get_USB_APP_Info", [] { KORVSDK_Get_USB_APP_Info(); }},
+        {"KORVSDK_Set_GPIO_LED", [] { KORVSDK_Set_GPIO_LED(0x81); }},
+        {"KORVSDK_Set_Update_GPIO_LED_Lights",
+         [] { KORVSDK_Set_Update_GPIO_LED_Lights(0x82, 0x83, 200); }},
+        {"KORVSDK_Check_Is_MCU_OnBoard", [] { KORVSDK_Check_Is_MCU_OnBoard(); }},
+        {"KORVSDK_Check_Is_AudioIC_OnBoard", [] { KORVSDK_Check_Is_AudioIC_OnBoard(); }},
+        {"KORVSDK_Save_Audio_HDCP_Parameters", [] { KORVSDK_Save_Audio_HDCP_Parameters(); }},
+        {"KORVSDK_Enter_Boot_Mode", [] { KORVSDK_Enter_Boot_Mode(); }},
+        {"KORVSDK_Check_Is_Boot_Mode", [] { KORVSDK_Check_Is_Boot_Mode(); }},
+        {"KORVSDK_Audio_Get_AUX_In_Mute", get(KORVSDK_Audio_Get_AUX_In_Mute)},
+        {"KORVSDK_Audio_Set_AUX_In_Mute", set(KORVSDK_Audio_Set_AUX_In_Mute, 1)},
+        {"KORVSDK_Audio_Get_HP_Out_Mute", get(KORVSDK_Audio_Get_HP_Out_Mute)},
+        {"KORVSDK_Audio_Set_HP_Out_Mute", set(KORVSDK_Audio_Set_HP_Out_Mute, 0)},
+        {"KORVSDK_Audio_Get_MIC_In_Mute", get(KORVSDK_Audio_Get_MIC_In_Mute)},
+        {"KORVSDK_Audio_Set_MIC_In_Mute", set(KORVSDK_Audio_Set_MIC_In_Mute, 1)},
+        {"KORVSDK_Audio_Get_AUX_In_Volume", get(KORVSDK_Audio_Get_AUX_In_Volume)},
+        {"KORVSDK_Audio_Set_AUX_In_Volume", set(KORVSDK_Audio_Set_AUX_In_Volume, 7)},
+        {"KORVSDK_Audio_Get_HP_Out_Volume", get(KORVSDK_Audio_Get_HP_Out_Volume)},
+        {"KORVSDK_Audio_Set_HP_Out_Volume", set(KORVSDK_Audio_Set_HP_Out_Volume, 9)},
+        {"KORVSDK_Audio_Get_MIC_In_Volume", get(KORVSDK_Audio_Get_MIC_In_Volume)},
+        {"KORVSDK_Audio_Set_MIC_In_Volume", set(KORVSDK_Audio_Set_MIC_In_Volume, 3)},
+        {"KORVSDK_Audio_Get_HDMI_SideTone_Mute", get(KORVSDK_Audio_Get_HDMI_SideTone_Mute)},
+        {"KORVSDK_Audio_Set_HDMI_SideTone_Mute", set(KORVSDK_Audio_Set_HDMI_SideTone_Mute, 1)},
+        {"KORVSDK_Audio_Get_HDMI_SideTone_Volume", get(KORVSDK_Audio_Get_HDMI_SideTone_Volume)},
+        {"KORVSDK_Audio_Set_HDMI_SideTone_Volume",
+         set(KORVSDK_Audio_Set_HDMI_SideTone_Volume, 5)},
+        {"KORVSDK_Get_HDMI_Video_Locked", get(KORVSDK_Get_HDMI_Video_Locked)},
+        {"KORVSDK_Get_HP_Mic_PlugIn", get(KORVSDK_Get_HP_Mic_PlugIn)},
+        {"KORVSDK_Get_Line_In_PlugIn", get(KORVSDK_Get_Line_In_PlugIn)},
+        {"KORVSDK_Switch_Console_Logging_Mode", [] { KORVSDK_Switch_Console_Logging_Mode(true); }},
+        {"KORVSDK_Free_DeviceList",
+         [] {
+             DeviceEntry* none = nullptr;
+             uint16_t count = 0;
+             KORVSDK_Free_DeviceList(&none, &count);
+         }},
+        {"KORVSDK_Free_PeCHAR", [] { Take(KORVSDK_Get_MCU_BinFile_Ver()); }},
+        {"KORVSDK_Set_Debug_Output_Handler",
+         [] { KORVSDK_Set_Debug_Output_Handler(MessageLog::Collect); }},
+        {"KORVSDK_Read_USB_Flash", [backup] { KORVSDK_Read_USB_Flash(backup.c_str()); }},
+    };
+}
+
+class BadInput : public ::testing::Test {
+protected:
+    BadInput() : cwd_(folder_.path()) {}
+    void SetUp() override {
+        korvsdk_test::WriteFile(folder_.path() / "setting.cfg",
+                                "EnableLocalLogging=0\nDeviceBackend=virtual\nDevIDNum=1\n"
+                                "DevDrvID0=USB\\VID_FFF0&PID_0C01\nFW_Overwrite=0\n"
+                                // Re-plugged after an update, past its longest pause.
+                                "Virtual0_ReplugAfterUpdateMs=2000\n");
+        ASSERT_EQ(KORVSDK_Init("setting.cfg"), 1);
+        ASSERT_EQ(KORVSDK_Scan_DeviceList(&list_, &count_), 1);
+        ASSERT_EQ(count_, 1);
+        ASSERT_EQ(KORVSDK_Select_Device(&list_[0]), 1);
+        KORVSDK_Set_Debug_Output_Handler(MessageLog::Collect);
+        MessageLog::Clear();
+    }
+    void TearDown() override {
+        KORVSDK_Free_DeviceList(&list_, &count_);
+        KORVSDK_Set_Debug_Output_Handler(nullptr);
+    }
+    std::string Path(const char* name) const { return (folder_.path() / name).string(); }
+    std::string UsbImage() const {
+        vd::UsbImageOptions image;
+        image.versionText = "01.00.02.00.0000";
+        const std::string path = Path("new.hex");
+        EXPECT_TRUE(vd::WriteUsbImageFile(path, vd::BuildUsbImage(image)));
+        return path;
+    }
+    std::string McuImage() const {
+        vd::McuImageOptions image;
+        image.version = 0x18;
+        const std::string path = Path("new.bin");
+        EXPECT_TRUE(vd::WriteMcuImageFile(path, vd::BuildMcuImage(image)));
+        return path;
+    }
+    static bool WaitUntilIdle() {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(90);
+        while (KORVSDK_Check_IsFirmwareUpdating() == 1) {
+            if (std::chrono::steady_clock::now() > end) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return true;
+    }
+
+    korvsdk_test::TempFolder folder_;
+    korvsdk_test::WorkingFolder cwd_;
+    DeviceEntry* list_ = nullptr;
+    uint16_t count_ = 0;
+};
+
+}  // namespace
+
+TEST_F(BadInput, NullPointersAreRefusedOrIgnored) {
+    DeviceEntry* noList = nullptr;
+    uint16_t noCount = 0;
+    DeviceEntry hollow{};  // an entry whose texts are all null
+    const struct {
+        const char* name;
+        std::function<int()> call;
+        int result;
+    } cases[] = {
+        {"Scan with no out pointers", [] { return KORVSDK_Scan_DeviceList(nullptr, nullptr); }, 1},
+        {"Select null", [] { return KORVSDK_Select_Device(nullptr); }, 0},
+        {"Select an entry of null texts", [&] { return KORVSDK_Select_Device(&hollow); }, 0},
+        {"Set_USB_HexFile null", [] { return KORVSDK_Set_USB_HexFile(nullptr); }, 0},
+        {"Set_MCU_BinFile null", [] { return KORVSDK_Set_MCU_BinFile(nullptr); }, 0},
+        {"Read_USB_Flash null", [] { return KORVSDK_Read_USB_Flash(nullptr); }, 0},
+        {"Audio getter null", [] { return KORVSDK_Audio_Get_HP_Out_Volume(nullptr); }, 0},
+        {"Mute getter null", [] { return KORVSDK_Audio_Get_MIC_In_Mute(nullptr); }, 0},
+        {"Side-tone getter null", [] { return KORVSDK_Audio_Get_HDMI_SideTone_Volume(nullptr); }, 0},
+        {"Video-locked null", [] { return KORVSDK_Get_HDMI_Video_Locked(nullptr); }, 0},
+        {"Plug state null", [] { return KORVSDK_Get_Line_In_PlugIn(nullptr); }, 0},
+        {"Free_DeviceList nulls", [] { return KORVSDK_Free_DeviceList(nullptr, nullptr); }, 1},
+        {"Free_DeviceList of nothing", [&] { return KORVSDK_Free_DeviceList(&noList, &noCount); }, 1},
+        {"Free_PeCHAR null", [] { return KORVSDK_Free_PeCHAR(nullptr); }, 1},
+        {"Open_CB null", [] { return KORVSDK_Open_CB_Device_StateInfo(nullptr); }, 1},
+        {"Close_CB after a null was taken", [] { return KORVSDK_Close_CB_Device_StateInfo(); }, 0},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.call(), c.result) << c.name;
+    // The device is still selected and answers.
+    EXPECT_EQ(Take(KORVSDK_Get_USB_FW_Ver()), "01.00.01.09.0000");
+    EXPECT_EQ(KORVSDK_Check_IsFirmwareUpdating(), 0);
+}
+
+// Each update runs while a second thread calls every export in turn, round
+// after round, registering and releasing the callbacks. Every call returns,
+// and after the re-plug the device runs the new firmware.
+class EveryExportDuringAnUpdate : public BadInput, public ::testing::WithParamInterface<bool> {};
+
+TEST_P(EveryExportDuringAnUpdate, IsRefusedOrAnsweredAndTheUpdateCompletes) {
+    const bool mcu = GetParam();
+    const std::string hex = UsbImage(), bin = McuImage();
+    ASSERT_EQ(mcu ? KORVSDK_Set_MCU_BinFile(bin.c_str()) : KORVSDK_Set_USB_HexFile(hex.c_str()), 1);
+    const std::vector<Export> exports = EveryExport(&list_[0], hex, bin, Path("backup.hex"));
+    std::set<std::string> names;
+    for (const Export& e : exports) names.insert(e.name);
+    const std::set<std::string> exported = {
+#include "export_names.h"
+    };
+    EXPECT_EQ(names, exported) << "the table must call every export once";
+
+    ASSERT_EQ(mcu ? KORVSDK_Start_MCU_FwUpdate() : KORVSDK_Start_USB_FwUpdate(), 1);
+    std::atomic<int> calls{0};
+    std::thread caller([&] {
+        // Each call only while the update runs: a file set or a backup
+        // started after its end would be a new job, not bad input.
+        while (KORVSDK_Check_IsFirmwareUpdating() == 1) {
+            for (const Export& e : exports) {
+                if (KORVSDK_Check_IsFirmwareUpdating() != 1) break;
+                e.call();
+                ++calls;
+            }
+        }
+    });
+    caller.join();
+    ASSERT_TRUE(WaitUntilIdle());
+    EXPECT_GE(calls.load(), static_cast<int>(exports.size()));
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(2300));
+    KORVSDK_Free_DeviceList(&list_, &count_);
+    ASSERT_EQ(KORVSDK_Scan_DeviceList(&list_, &count_), 1);
+    ASSERT_EQ(KORVSDK_Select_Device(&list_[0]), 1);
+    EXPECT_EQ(Take(mcu ? KORVSDK_Get_MCU_FW_Ver() : KORVSDK_Get_USB_FW_Ver()),
+              mcu ? "0d.18.00.010000" : "01.00.02.00.0000");
+}
+
+INSTANTIATE_TEST_SUITE_P(Kind, EveryExportDuringAnUpdate, ::testing::Values(false, true),
+                         [](const auto& p) { return std::string(p.param ? "Mcu" : "Usb"); });
+
+namespace {
+std::vector<std::string> g_inside;
+void FwStateAsksTheLibrary(DevFwUpdateStateInfo* info) {
+    g_inside.push_back(std::string(info->state ? info->state : "") + ": updating " +
+                       std::to_string(KORVSDK_Check_IsFirmwareUpdating()) + ", version '" +
+                       Take(KORVSDK_Get_USB_FW_Ver()) + "'");
+    // Releases itself from inside, at the end.
+    if (info->state != nullptr && std::string(info->state) == "UpdateCompleted")
+        KORVSDK_Close_CB_DevFwUpdate_StateInfo();
+}
+int g_versionsInside = 0;
+void DeviceStateAsksForTheVersion(DeviceStateInfo*) {
+    // Asking for the version raises the device-state callback again; that
+    // inner raise is skipped instead of recursing.
+    ++g_versionsInside;
+    Take(KORVSDK_Get_USB_FW_Ver());
+}
+int g_scansInside = 0;
+void ScanListScansAgain(DeviceEntry*, uint16_t count) {
+    ++g_scansInside;
+    DeviceEntry* list = nullptr;
+    uint16_t again = 0;
+    EXPECT_EQ(KORVSDK_Scan_DeviceList(&list, &again), 1);
+    EXPECT_EQ(again, count);
+    KORVSDK_Free_DeviceList(&list, &again);
+}
+}  // namespace
+
+TEST_F(BadInput, CallbacksThatCallTheLibrary) {
+    ASSERT_EQ(KORVSDK_Open_CB_Device_StateInfo(DeviceStateAsksForTheVersion), 1);
+    EXPECT_EQ(Take(KORVSDK_Get_USB_FW_Ver()), "01.00.01.09.0000");
+    EXPECT_EQ(g_versionsInside, 1);
+
+    ASSERT_EQ(KORVSDK_Open_CB_Scan_DeviceList(ScanListScansAgain), 1);
+    DeviceEntry* list = nullptr;
+    uint16_t count = 0;
+    EXPECT_EQ(KORVSDK_Scan_DeviceList(&list, &count), 1);
+    KORVSDK_Free_DeviceList(&list, &count);
+    EXPECT_EQ(g_scansInside, 1);
+
+    ASSERT_EQ(KORVSDK_Set_USB_HexFile(UsbImage().c_str()), 1);
+    ASSERT_EQ(KORVSDK_Open_CB_DevFwUpdate_StateInfo(FwStateAsksTheLibrary), 1);
+    ASSERT_EQ(KORVSDK_Start_USB_FwUpdate(), 1);
+    ASSERT_TRUE(WaitUntilIdle());
+    ASSERT_GE(g_inside.size(), 3u);
+    EXPECT_EQ(g_inside.front(), "Updating initialization: updating 1, version ''");
+    EXPECT_EQ(g_inside.back().rfind("UpdateCompleted: updating ", 0), 0u) << g_inside.back();
+    // The callback released its slot from inside: it is free again.
+    EXPECT_EQ(KORVSDK_Close_CB_DevFwUpdate_StateInfo(), 0);
+}
