@@ -167,7 +167,10 @@ KORVSDK_API KORVSDK_BOOL KORVSDK_Free_PeCHAR(char** text);
  * handler that writes them there, or, on Linux, set the environment variable
  * KORVSDK_DEBUG_STDERR=1. NULL restores the platform channel. The
  * console-logging switch gates the handler exactly as it gates the platform
- * channel. Returns 1. */
+ * channel. When it returns, the previous handler is no longer running on any
+ * thread (an update's last texts come from its own thread), so what that
+ * handler wrote to may be torn down; do not call it while holding a lock
+ * your handler takes. Returns 1. */
 KORVSDK_API int KORVSDK_Set_Debug_Output_Handler(KORVSDK_DebugOutputHandler handler);
 
 /* Extension: reads the selected device's whole USB flash (the bridge chip's

@@ -94,7 +94,10 @@ public:
     int CloseScanListCallback();
     int CloseDeviceStateCallback();
     int CloseFwUpdateStateCallback();
-    void SetDebugOutputHandler(KORVSDK_DebugOutputHandler handler) { m_debugHandler = handler; }
+    // Once this returns, the previous handler is no longer running on any
+    // other thread (an update's last lines come from its own thread), so an
+    // application may tear down what its handler writes to.
+    void SetDebugOutputHandler(KORVSDK_DebugOutputHandler handler);
     KORVSDK_ScanDeviceListCallback ScanListCallback() const { return m_scanListCallback; }
     KORVSDK_DeviceStateCallback DeviceStateCallback() const { return m_deviceStateCallback; }
     KORVSDK_DevFwUpdateStateCallback FwUpdateStateCallback() const {
@@ -414,6 +417,7 @@ private:
     std::atomic<KORVSDK_DeviceStateCallback> m_deviceStateCallback{nullptr};
     std::atomic<KORVSDK_DevFwUpdateStateCallback> m_fwUpdateStateCallback{nullptr};
     std::atomic<KORVSDK_DebugOutputHandler> m_debugHandler{nullptr};
+    mutable std::atomic<int> m_debugHandlerCalls{0};  // handler calls in progress
 };
 
 // The one core object of the process, and the pointer to it that worker

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <mutex>
 #include <string>
 
 #include <spdlog/logger.h>
@@ -28,6 +29,9 @@ constexpr size_t kHdmiInfoBytes = 24;
 bool FetchReply(VideoConsoleCoreImp& core, const ReportTemplate& report, uint8_t* out,
                 size_t count) {
     std::memset(out, 0, count);
+    // The reply lands in the core's shared input buffer: an update's light
+    // blinking on its own thread must not exchange through it meanwhile.
+    std::lock_guard exchange(core.m_exchangeLock);
     hid::HidCallParameters request;
     bool hidError = false;
     if (!PrepareReportRequest(core, request, report, nullptr)) return false;

@@ -137,6 +137,8 @@ protected:
     }
     void TearDown() override {
         KORVSDK_Free_DeviceList(&list_, &count_);
+        // An update's last lines come from its thread just after the state
+        // went back; once this returns, MessageLog is no longer written.
         KORVSDK_Set_Debug_Output_Handler(nullptr);
     }
     std::string Path(const char* name) const { return (folder_.path() / name).string(); }
