@@ -18,6 +18,30 @@ ctest --test-dir build/linux -j"$jobs" --output-on-failure
 # The interrupted-update sweeps say what they found.
 grep -h '^sweep ' build/linux/Testing/Temporary/LastTest.log || true
 
+# The programs whose tests run again under the sanitizers: every export with
+# bad input and beside an update, whole sessions with both updates and their
+# worker and light threads, the class face with its workers, the fault
+# matrix. The per-subsystem unit tests and the korvtool process tests run
+# only in the plain builds (the 30-minute budget of a CI run on two cores).
+sanitized=(c_api_tests robustness_tests virtual_session_tests firmware_session_tests
+  toolcore_session_tests)
+labels="^($(IFS='|'; echo "${sanitized[*]}"))\$"
+for kind in address thread; do
+  case $kind in
+    address) echo "== Linux tests under AddressSanitizer, UBSan and the leak check" ;;
+    thread) echo "== Linux tests under ThreadSanitizer" ;;
+  esac
+  # -O1 -g1: the sanitizers' advice, line numbers in their reports, and a
+  # quicker build than -O2 with full debug information.
+  cmake -S . -B "build/$kind" -DKORVSDK_BUILD_TESTS=ON -DKORVSDK_SANITIZE="$kind" \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1" \
+    -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g1" >/dev/null
+  cmake --build "build/$kind" -j"$jobs" --target "${sanitized[@]}"
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1 \
+    TSAN_OPTIONS=second_deadlock_stack=1 \
+    ctest --test-dir "build/$kind" -j"$jobs" -L "$labels" --output-on-failure
+done
+
 echo "== Fuzzing the HID report-descriptor parser (20 s)"
 if ! ./fuzz/run-fuzz.sh 20 > build/fuzz.log 2>&1; then
   tail -n 40 build/fuzz.log
