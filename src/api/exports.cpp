@@ -51,13 +51,15 @@ auto Shielded(Body body) noexcept -> decltype(body()) {
     return {};
 }
 
+// A getter that failed on the way (an exception) still hands out a text.
 template <typename Operation>
 char* TextResult(Operation operation) {
-    return Shielded([&] {
-        std::string text;
-        operation(text);
-        return HeapText(text);
+    char* text = Shielded([&] {
+        std::string result;
+        operation(result);
+        return HeapText(result);
     });
+    return text != nullptr ? text : g_noText;
 }
 
 // Setters pass the address of a local copy of their value: direction 0.

@@ -10,32 +10,40 @@
 namespace VideoConsoleCore {
 
 namespace {
-// Set while this thread runs the application's handler: a handler that
+// How many debugger-output calls this thread is inside: a handler that
 // replaces itself must not wait for its own call to end.
-thread_local bool t_inHandler = false;
+thread_local int t_depth = 0;
 }  // namespace
 
 void VideoConsoleCoreImp::DebugOutAlways(std::string_view text) const {
     const std::string copy(text);  // the handler wants a terminated text
     // Counted before the handler is loaded, so that a replacement either
-    // sees this call in progress or this call sees the replacement.
-    ++m_debugHandlerCalls;
+    // sees this call in progress or this call sees the replacement. The
+    // count and the mark come off again even when the handler throws.
+    struct InProgress {
+        std::atomic<int>& calls;
+        explicit InProgress(std::atomic<int>& c) : calls(c) {
+            ++calls;
+            ++t_depth;
+        }
+        ~InProgress() {
+            --t_depth;
+            --calls;
+        }
+        InProgress(const InProgress&) = delete;
+        InProgress& operator=(const InProgress&) = delete;
+    } inProgress(m_debugHandlerCalls);
     if (const KORVSDK_DebugOutputHandler handler = m_debugHandler.load()) {
-        const bool outer = !t_inHandler;
-        t_inHandler = true;
         handler(copy.c_str());
-        t_inHandler = !outer;
     } else {
         platform::WriteDebuggerOutput(copy);
     }
-    --m_debugHandlerCalls;
 }
 
 void VideoConsoleCoreImp::SetDebugOutputHandler(KORVSDK_DebugOutputHandler handler) {
     m_debugHandler = handler;
     // Calls are a few microseconds; the count drops to this thread's own.
-    const int own = t_inHandler ? 1 : 0;
-    while (m_debugHandlerCalls.load() > own) std::this_thread::yield();
+    while (m_debugHandlerCalls.load() > t_depth) std::this_thread::yield();
 }
 
 void VideoConsoleCoreImp::DebugOut(std::string_view text) const {

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <new>
 #include <functional>
 #include <set>
 #include <string>
@@ -15,6 +17,7 @@
 #include <vector>
 
 #include "KORVSDKDeviceTool.h"
+#include "robustness/allocation_failure.h"
 #include "support/test_support.h"
 #include "virtual/device/usb_image.h"
 #include "virtual/mcu/mcu_image.h"
@@ -300,3 +303,54 @@ TEST_F(BadInput, CallbacksThatCallTheLibrary) {
     // The callback released its slot from inside: it is free again.
     EXPECT_EQ(KORVSDK_Close_CB_DevFwUpdate_StateInfo(), 0);
 }
+
+#if KORVSDK_ALLOCATION_FAILURES
+// Each export fails at its first allocation, then its second, and so on
+// until it needs no more than it is given: every failure is a result (0, or
+// an empty text, never null) with "Error allocating memory!", and the
+// library keeps working afterwards.
+TEST_F(BadInput, AnAllocationFailureAnywhereIsAResult) {
+    const struct {
+        const char* name;
+        std::function<bool()> call;  // true: the export succeeded
+    } cases[] = {
+        {"Get_USB_FW_Ver",
+         [] {
+             char* text = KORVSDK_Get_USB_FW_Ver();
+             EXPECT_NE(text, nullptr);
+             const bool ok = text != nullptr && text[0] != '\0';
+             KORVSDK_Free_PeCHAR(&text);
+             return ok;
+         }},
+        {"Get_HDMI_Info", [] { return KORVSDK_Get_HDMI_Info() == 1; }},
+        {"Scan_DeviceList",
+         [] {
+             DeviceEntry* list = nullptr;
+             uint16_t count = 0;
+             const bool ok = KORVSDK_Scan_DeviceList(&list, &count) == 1 && count == 1;
+             KORVSDK_Free_DeviceList(&list, &count);
+             return ok;
+         }},
+        {"Select_Device", [this] { return KORVSDK_Select_Device(&list_[0]) == 1; }},
+    };
+    for (const auto& c : cases) {
+        int failures = 0;
+        for (int allowed = 0; allowed < 10000; ++allowed) {
+            MessageLog::Clear();
+            g_allocationsBeforeFailure = allowed;
+            const bool ok = c.call();
+            const bool failed = g_allocationsBeforeFailure.exchange(-1) == -1;
+            if (!failed) {
+                EXPECT_TRUE(ok) << c.name << " with every allocation granted";
+                break;
+            }
+            ++failures;
+            EXPECT_FALSE(ok && MessageLog::Count("Error allocating memory!\n") > 0) << c.name;
+        }
+        EXPECT_GT(failures, 0) << c.name << " allocates nothing?";
+        MessageLog::Clear();
+        EXPECT_EQ(Take(KORVSDK_Get_USB_FW_Ver()), "01.00.01.09.0000") << "after " << c.name;
+        EXPECT_EQ(KORVSDK_Check_IsFirmwareUpdating(), 0);
+    }
+}
+#endif
