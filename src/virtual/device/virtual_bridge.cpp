@@ -141,6 +141,7 @@ bool VirtualBridge::OnIic(const uint8_t* r) {
     const uint32_t inCount = config_.input[kIicReport].count;
     const uint8_t address = r[3];
     const uint32_t n = r[4];
+    ++iicRequests_;
     iicReply_.fill(0);
     uint8_t& status = command == kIicWrite ? iicWriteStatus_ : iicReply_[0];
 
@@ -212,7 +213,7 @@ void VirtualBridge::ReplyFlashData(uint8_t* out) {
 
 bool VirtualBridge::OnInputRequest(uint8_t* report, uint32_t lengthWord) {
     using namespace bridge_cmd;
-    if (!report) return false;
+    if (!report || config_.faults.repliesStall) return false;
     const int kind = KindOf(config_.input, report[0], config_.faults.valueReports);
     if (kind < 0) return false;
     const uint32_t full = config_.input[static_cast<size_t>(kind)].Length();

@@ -92,6 +92,9 @@ public:
     bool GpioLevel(int pin) const { return pin >= 0 && pin < kGpioPins && gpioLevel_[pin]; }
     bool GpioOutput(int pin) const { return pin >= 0 && pin < kGpioPins && gpioOutput_[pin]; }
 
+    // IIC requests (write or read) taken since construction.
+    uint64_t IicRequests() const { return iicRequests_; }
+
     // Changes after construction (tests).
     VirtualDeviceConfig& Config() { return config_; }
 
@@ -122,6 +125,7 @@ private:
     uint8_t iicWriteStatus_ = kIicAck;
     std::map<uint8_t, I2cTarget*> targets_;
     BootloaderLine* bootloaderLine_ = nullptr;
+    uint64_t iicRequests_ = 0;
     std::chrono::steady_clock::time_point lastIic_;
 };
 

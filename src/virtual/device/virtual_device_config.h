@@ -46,6 +46,9 @@ struct FaultPlan {
     uint32_t failAt = 0;
     // Every IIC reply says busy (status kIicBusy) and no I2C transfer runs.
     bool iicNeverFinishes = false;
+    // The bridge stalls every input report request: the host's HID call
+    // fails, which the library sees as its HID error flag on each reply.
+    bool repliesStall = false;
     // After this many report transfers (SetOutputReport and GetInputReport
     // together) the device is unplugged: open handles fail, enumeration no
     // longer lists it. 0 = never.

@@ -72,20 +72,44 @@ private:
 
 }  // namespace
 
+std::unique_ptr<VirtualHidBackend::Device> VirtualHidBackend::MakeDevice(
+    const VirtualDeviceConfig& config) {
+    auto device = std::make_unique<Device>();
+    device->initial = config;
+    device->config = config;
+    device->flash = std::make_unique<VirtualFlash>(FlashGeometryFor(device->config.flashIndex));
+    device->flash->WriteFactoryImage(device->config);
+    device->bridge = std::make_unique<VirtualBridge>(device->config, *device->flash);
+    device->mcu = std::make_unique<VirtualMcu>(device->config.mcu);
+    device->mcu->Faults() = device->config.mcuFaults;
+    device->bootRequest = std::make_unique<McuBootRequest>(*device->mcu);
+    device->bridge->AttachI2cTarget(device->mcu->Address(), device->mcu.get());
+    device->bridge->SetBootloaderLine(device->bootRequest.get());
+    return device;
+}
+
 VirtualHidBackend::VirtualHidBackend(std::vector<VirtualDeviceConfig> configs) {
-    for (auto& config : configs) {
-        auto device = std::make_unique<Device>();
-        device->config = std::move(config);
-        device->flash = std::make_unique<VirtualFlash>(FlashGeometryFor(device->config.flashIndex));
-        device->flash->WriteFactoryImage(device->config);
-        device->bridge = std::make_unique<VirtualBridge>(device->config, *device->flash);
-        device->mcu = std::make_unique<VirtualMcu>(device->config.mcu);
-        device->mcu->Faults() = device->config.mcuFaults;
-        device->bootRequest = std::make_unique<McuBootRequest>(*device->mcu);
-        device->bridge->AttachI2cTarget(device->mcu->Address(), device->mcu.get());
-        device->bridge->SetBootloaderLine(device->bootRequest.get());
-        devices_.push_back(std::move(device));
-    }
+    for (const auto& config : configs) devices_.push_back(MakeDevice(config));
+}
+
+void VirtualHidBackend::Reset(size_t index) {
+    std::lock_guard lock(mutex_);
+    std::unique_ptr<Device>& device = devices_.at(index);
+    const uint32_t generation = device->generation + 1;
+    device = MakeDevice(device->initial);
+    device->generation = generation;
+}
+
+uint32_t VirtualHidBackend::Calls(size_t device, HidCall call) const {
+    std::lock_guard lock(mutex_);
+    const auto index = static_cast<size_t>(call);
+    const Device& d = *devices_.at(device);
+    return index < std::size(d.calls) ? d.calls[index] : 0;
+}
+
+size_t VirtualHidBackend::OpenHandles() const {
+    std::lock_guard lock(mutex_);
+    return open_.size();
 }
 
 VirtualHidBackend::~VirtualHidBackend() = default;

@@ -53,6 +53,15 @@ public:
     void Replug(size_t device);
     // Report transfers since the last (re)plug.
     uint32_t Transfers(size_t device) const;
+    // Calls of one kind since the last (re)plug (what a planned failure's
+    // count compares with).
+    uint32_t Calls(size_t device, HidCall call) const;
+    // A new device in the old one's place, built from the configuration it
+    // was created with: factory flash, a powered-up microcontroller with its
+    // factory program, no faults; handles from before stay dead.
+    void Reset(size_t device);
+    // Handles open on any device (a client that forgets to close shows here).
+    size_t OpenHandles() const;
     // Puts the factory image back into the flash (the device as it left the
     // factory at its next replug).
     void RestoreFactoryFlash(size_t device);
@@ -92,6 +101,7 @@ public:
 
 private:
     struct Device {
+        VirtualDeviceConfig initial;  // as created, for Reset
         VirtualDeviceConfig config;
         std::unique_ptr<VirtualFlash> flash;
         std::unique_ptr<VirtualBridge> bridge;
@@ -113,6 +123,7 @@ private:
         uint32_t inputBuffers = 32;
     };
 
+    static std::unique_ptr<Device> MakeDevice(const VirtualDeviceConfig& config);
     // The device behind `handle` when it is open and present, after
     // counting the call and applying a planned failure; null otherwise.
     Device* Use(hid::HidHandle handle, HidCall call, OpenHandle** open = nullptr);
