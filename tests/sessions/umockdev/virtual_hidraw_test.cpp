@@ -1,7 +1,6 @@
-// The stand-in kernel of the umockdev sessions where the sessions cannot
-// look: a device that goes away leaves sysfs and /dev as the kernel leaves
-// them, and a node the user may not open is named once, with the fix.
-#include <fcntl.h>
+// The hidraw backend on the umockdev sessions' stand-in kernel where the
+// sessions cannot look: a node the user may not open is named once, with
+// the fix.
 #include <linux/capability.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -10,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -18,36 +16,14 @@
 
 #include "core/VideoConsoleCoreImp.h"
 #include "discovery/device_list.h"
-#include "hid/backend/linux/hidraw_ioctl.h"
-#include "hid/backend/linux/linux_hidraw_backend.h"
 #include "sessions/umockdev/virtual_hidraw.h"
 #include "settings/settings_file.h"
 #include "support/test_support.h"
-#include "virtual/device/report_descriptor_builder.h"
-#include "virtual/device/virtual_bridge.h"
 #include "virtual/device/virtual_device_config.h"
 
 namespace {
 
 using namespace VideoConsoleCore;
-using virtualdev::kCommandReport;
-
-class Fd {
-public:
-    explicit Fd(const std::string& path) : fd_(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) {}
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-// The errno of a call that should fail; 0 when it succeeded.
-int ErrorOf(long result) { return result < 0 ? errno : 0; }
 
 class VirtualHidraw : public ::testing::Test {
 protected:
@@ -58,53 +34,14 @@ protected:
         devices = std::make_unique<korvsdk_test::VirtualHidrawDevices>(*model);
     }
 
-    // A command-report input request as the library makes it: a buffer as
-    // long as the length word, the command in the word's high byte.
-    long InputRequest(int fd, uint8_t command, std::vector<uint8_t>& reply) {
-        const auto& shape = model->Config(0).input[kCommandReport];
-        const uint32_t lengthWord = (uint32_t{command} << 8) | shape.Length();
-        reply.assign(lengthWord, 0);
-        reply[0] = shape.id;
-        return ::ioctl(fd, HIDIOCGINPUT(lengthWord), reply.data());
-    }
-
     std::unique_ptr<virtualdev::VirtualHidBackend> model;
     std::unique_ptr<korvsdk_test::VirtualHidrawDevices> devices;  // goes before the model
-    hid::LinuxHidrawBackend backend{"/sys", "/dev"};
 };
 
 const std::vector<std::string> kTwoDevices = {
     "VirtualDeviceCount=2",          "Virtual0_Version=0213",
     "Virtual1_PID=0C02",             "Virtual1_Serial=VC00000002",
     "Virtual1_Description=Second capture", "Virtual1_PortLevel=2"};
-
-TEST_F(VirtualHidraw, UnpluggedDeviceLeavesSysfsAndDev) {
-    Build({"VirtualDeviceCount=2", "Virtual0_UnplugAfter=2"});
-    Fd node(devices->NodePath(0));
-    uint8_t buffer[80];
-    EXPECT_EQ(ErrorOf(::read(node.get(), buffer, sizeof buffer)), EAGAIN);  // nothing queued
-
-    std::vector<uint8_t> reply;
-    ASSERT_GE(InputRequest(node.get(), virtualdev::bridge_cmd::kFlashGetId, reply), 0);
-    ASSERT_GE(InputRequest(node.get(), virtualdev::bridge_cmd::kFlashGetId, reply), 0);
-    ASSERT_FALSE(model->Present(0));
-
-    // The open file stays, and fails as on a disconnected device.
-    hidraw_devinfo info{};
-    EXPECT_EQ(ErrorOf(InputRequest(node.get(), virtualdev::bridge_cmd::kFlashGetId, reply)), ENODEV);
-    EXPECT_EQ(ErrorOf(::ioctl(node.get(), HIDIOCGRAWINFO, &info)), ENODEV);
-    EXPECT_EQ(ErrorOf(::read(node.get(), buffer, sizeof buffer)), EIO);
-
-    struct stat status {};
-    EXPECT_EQ(ErrorOf(::stat(devices->NodePath(0).c_str(), &status)), ENOENT);
-    EXPECT_EQ(ErrorOf(::stat(devices->UsbDevicePath(0).c_str(), &status)), ENOENT);
-    EXPECT_EQ(ErrorOf(::stat(devices->NodePath(1).c_str(), &status)), 0);
-    std::vector<std::string> paths;
-    ASSERT_TRUE(backend.EnumerateHidInterfaces(paths));
-    EXPECT_EQ(paths, std::vector<std::string>{devices->NodePath(1)});
-    EXPECT_EQ(backend.UsbPortLevel("FFF0", "0C01", "VC00000001"), -1);
-    EXPECT_EQ(backend.UsbPortLevel("FFF0", "0C01", "VC00000002"), 3);
-}
 
 // Takes from the calling thread, while it lives, root's power to open any
 // file whatever its mode, so that a node's mode counts as it does for a user
