@@ -77,12 +77,6 @@ TEST_F(InitTest, AnyValueButZeroStartsLogging) {
     EXPECT_NE(ReadFile(OnlyLogFile(Here())).find("starting logger..."), std::string::npos);
 }
 
-TEST_F(InitTest, YesStartsLogging) {
-    WriteFile(Here() / "setting.cfg", "EnableLocalLogging=yes\n");
-    EXPECT_EQ(KORVSDK_Init("setting.cfg"), 1);
-    EXPECT_NE(ReadFile(OnlyLogFile(Here())).find("starting logger..."), std::string::npos);
-}
-
 TEST_F(InitTest, GivenPathIsReadAndNullPathFallsBackToWorkingFolder) {
     // The file given to Init switches logging off; the fallback file in the
     // working folder would switch it on.
@@ -100,12 +94,6 @@ TEST_F(InitTest, AFolderGivenForTheFileFallsBackToSettingCfg) {
     EXPECT_TRUE(FilesStartingWith(Here(), "Device_Log_").empty());
 }
 
-TEST_F(InitTest, NullPathReadsSettingCfgOfTheWorkingFolder) {
-    WriteFile(Here() / "setting.cfg", "EnableLocalLogging=0\n");
-    EXPECT_EQ(KORVSDK_Init(nullptr), 1);
-    EXPECT_TRUE(FilesStartingWith(Here(), "Device_Log_").empty());
-}
-
 TEST_F(InitTest, PerUserFolderUnderAppData) {
     WriteFile(Here() / "setting.cfg",
               "GenToCurrentFolder=0\nCompanyFolderName=Acme\nProductFolderName=Viewer\n");
@@ -116,28 +104,12 @@ TEST_F(InitTest, PerUserFolderUnderAppData) {
     EXPECT_TRUE(FilesStartingWith(Here(), "Device_Log_").empty());
 }
 
-TEST_F(InitTest, CurrentFolderNameIsCreated) {
-    WriteFile(Here() / "setting.cfg", "CurrentFolderName=logs\nGenToCurrentFolder=\n");
-    EXPECT_EQ(KORVSDK_Init("setting.cfg"), 1);
-    EXPECT_TRUE(NameIsStamped(OnlyLogFile(Here() / "logs")));
-}
-
 TEST_F(InitTest, OldLogsInAppDataAreKept) {
     WriteFile(appData_ / "Device_Log_2020-01-01 1h 2m 3s.txt", "old run\n");
     WriteFile(appData_ / "Device_Other.txt", "other\n");
     EXPECT_EQ(KORVSDK_Init("setting.cfg"), 1);
     EXPECT_TRUE(fs::exists(appData_ / "Device_Log_2020-01-01 1h 2m 3s.txt"));
     EXPECT_TRUE(fs::exists(appData_ / "Device_Other.txt"));
-}
-
-TEST_F(InitTest, UnwritableLogFolderReportsEvenWithConsoleLoggingOff) {
-    // A plain file where the log folder should be: neither we nor the logger
-    // can create the folder.
-    WriteFile(Here() / "blocker", "not a folder");
-    WriteFile(Here() / "setting.cfg", "CurrentFolderName=blocker/logs\n");
-    KORVSDK_Switch_Console_Logging_Mode(false);
-    EXPECT_EQ(KORVSDK_Init("setting.cfg"), 1);
-    EXPECT_EQ(MessageLog::All(), "create log file failed!!!\n");
 }
 
 TEST_F(InitTest, SpdlogLevelFromTheEnvironmentIsHonoured) {

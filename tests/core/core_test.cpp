@@ -34,27 +34,6 @@ protected:
 
 }  // namespace
 
-TEST_F(CoreTest, SecondInitializeKeepsTheFirstState) {
-    WriteSettings("EnableLocalLogging=0\n");
-    ASSERT_TRUE(core_.Initialize("setting.cfg"));
-    EXPECT_TRUE(core_.m_initialized);
-    EXPECT_NE(core_.m_infoRecord2, nullptr);
-    const uint8_t* record = core_.m_infoRecord2;
-    MessageLog::Clear();
-    EXPECT_FALSE(core_.Initialize("other.cfg"));
-    EXPECT_EQ(core_.m_settingsPath, "setting.cfg");
-    EXPECT_EQ(core_.m_infoRecord2, record);
-    EXPECT_EQ(MessageLog::All(), "Already initialized!\n");
-}
-
-TEST_F(CoreTest, UnreadablePathFallsBackToSettingCfg) {
-    WriteSettings("EnableLocalLogging=0\nDevIDNum=2\n");
-    ASSERT_TRUE(core_.Initialize("missing/elsewhere.cfg"));
-    EXPECT_EQ(core_.m_settingsPath, "setting.cfg");
-    EXPECT_EQ(core_.Setting("DevIDNum"), "2");
-    EXPECT_FALSE(core_.m_localLogging);
-}
-
 TEST_F(CoreTest, NothingToReadLeavesTableEmptyAndLogsOn) {
     ASSERT_TRUE(core_.Initialize(nullptr));
     EXPECT_EQ(core_.Setting("EnableLocalLogging"), "");
@@ -148,14 +127,6 @@ TEST_F(CoreTest, CheckMcuOnBoardClearsTheProbeFlag) {
     core_.m_selected = true;
     core_.CheckMcuOnBoard();
     EXPECT_FALSE(core_.m_probeInProgress);
-}
-
-TEST_F(CoreTest, DeviceBackendDefaultsToThePlatform) {
-    WriteSettings("EnableLocalLogging=0\n");
-    ASSERT_TRUE(core_.Initialize("setting.cfg"));
-    ASSERT_NE(core_.Hid(), nullptr);
-    EXPECT_STREQ(core_.Hid()->Name(), VideoConsoleCore::hid::CreatePlatformHidBackend()->Name());
-    EXPECT_EQ(MessageLog::All(), "Initialization successful!\n");
 }
 
 TEST_F(CoreTest, UnknownDeviceBackendFallsBackAndSaysSo) {

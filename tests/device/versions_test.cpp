@@ -49,29 +49,6 @@ TEST_F(Versions, BootConfigurationByteMeanings) {
     EXPECT_EQ(MessageLog::All().find("Bootloader config"), std::string::npos);
 }
 
-TEST_F(Versions, UsbVersionOfAVanishedDeviceIsEmpty) {
-    Start();
-    Device().Unplug(0);
-    std::string text = "stale";
-    EXPECT_FALSE(core_.GetUsbFwVersion(text));
-    EXPECT_EQ(text, "");
-    EXPECT_TRUE(StateRecords().empty());
-}
-
-TEST_F(Versions, McuVersionAndBoardVariant) {
-    Start();
-    std::string text;
-    ASSERT_TRUE(core_.GetMcuFwVersion(text));
-    // Device type 0x0D (the model), version 0x17, variant 0, config 01 00 00.
-    EXPECT_EQ(text, "0d.17.00.010000");
-    EXPECT_EQ(core_.m_boardVariant, 0);
-    EXPECT_EQ(core_.m_mcuDeviceType, 0x0D);
-    EXPECT_TRUE(Said("MCU FW current version: 0d.17.00.010000\n"));
-    ASSERT_EQ(StateRecords().size(), 1u);
-    EXPECT_EQ(StateRecords()[0].message, "MCU FW current version: 0d.17.00.010000");
-    EXPECT_EQ(StateRecords()[0].text0, "0d.17.00.010000");
-}
-
 TEST_F(Versions, FailedMcuReadKeepsTheBoardVariant) {
     Start();
     core_.m_boardVariant = 0x42;
@@ -81,25 +58,4 @@ TEST_F(Versions, FailedMcuReadKeepsTheBoardVariant) {
     EXPECT_EQ(text, "");
     EXPECT_EQ(MessageLog::All(), "ReadEx ERROR\n");
     EXPECT_EQ(core_.m_boardVariant, 0x42);
-}
-
-TEST_F(Versions, QuietQueriesSayNothing) {
-    Start();
-    core_.m_quietQueries = true;
-    std::string usb, mcu;
-    ASSERT_TRUE(core_.GetUsbFwVersion(usb));
-    ASSERT_TRUE(core_.GetMcuFwVersion(mcu));
-    EXPECT_FALSE(usb.empty());
-    EXPECT_FALSE(mcu.empty());
-    EXPECT_EQ(MessageLog::All(), "");
-    EXPECT_TRUE(StateRecords().empty());
-}
-
-TEST_F(Versions, RefusedWhileUpdating) {
-    Start();
-    core_.m_deviceState = kDeviceStateUpdating;
-    std::string text;
-    EXPECT_FALSE(core_.GetUsbFwVersion(text));
-    EXPECT_FALSE(core_.GetMcuFwVersion(text));
-    EXPECT_EQ(MessageLog::All(), std::string(kRefuseUsbFwVersion) + kRefuseMcuFwVersion);
 }

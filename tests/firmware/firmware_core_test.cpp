@@ -1,5 +1,4 @@
-// Firmware-file operations at the core: the refusals while an update runs
-// (the state an update start sets), the start-up scan of the working
+// Firmware-file operations at the core: the start-up scan of the working
 // folder, and the version rules on their own.
 #include <gtest/gtest.h>
 
@@ -15,28 +14,6 @@ using korvsdk_test::MessageLog;
 namespace {
 using FirmwareCore = korvsdk_test::VirtualSession;
 }  // namespace
-
-TEST_F(FirmwareCore, FileOperationsRefusedWhileUpdating) {
-    ASSERT_NO_FATAL_FAILURE(Start("FW_Overwrite=99\n"));
-    const std::string path = (folder_.path() / "a.hex").string();
-    ASSERT_TRUE(virtualdev::WriteUsbImageFile(path, virtualdev::BuildUsbImage({})));
-    ASSERT_TRUE(core_.SetFirmwareFile(path.c_str(), kFirmwareUsbHex));
-
-    core_.m_deviceState = kDeviceStateUpdating;
-    MessageLog::Clear();
-    std::string text = "x";
-    EXPECT_FALSE(core_.SetFirmwareFile(path.c_str(), kFirmwareUsbHex));
-    EXPECT_FALSE(core_.SetFirmwareFile(path.c_str(), kFirmwareMcuBin));
-    EXPECT_FALSE(core_.GetFirmwareFileVersion(text, kFirmwareUsbHex));
-    EXPECT_EQ(text, "");
-    EXPECT_FALSE(core_.GetFirmwareFileVersion(text, kFirmwareMcuBin));
-    EXPECT_EQ(MessageLog::Count(kRefuseSetFile), 2);
-    EXPECT_EQ(MessageLog::Count(kRefuseFileVersion), 2);
-
-    core_.m_deviceState = kDeviceStateSelected;
-    EXPECT_TRUE(core_.GetFirmwareFileVersion(text, kFirmwareUsbHex));
-    EXPECT_EQ(text, "01.00.01.09.0000");
-}
 
 TEST_F(FirmwareCore, StartupScanTakesTheFirstImageOfEachKind) {
     ASSERT_NO_FATAL_FAILURE(Start());

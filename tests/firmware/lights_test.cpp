@@ -1,7 +1,7 @@
 // The update lights on the virtual board, watched at the microcontroller's
 // LED register and at the RGB light chip: what the caller's controls write,
-// the blink timing of the update loops and of the finish-light threads, the
-// RGB programming of models 6 and 8, and the LED parameter save.
+// the finish-light threads, the RGB programming of models 6 and 8, and the
+// LED parameter save.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -104,33 +104,6 @@ TEST_F(Lights, BoardsWithoutGpioLedRefuse) {
     EXPECT_TRUE(Mcu().LedTimeline().empty());
 }
 
-// The blink step of the update loops: a 100 ms period toggles about ten
-// times a second; a period of 0 writes the pattern once.
-TEST_F(Lights, BlinkStepFollowsTheUpdatingPeriod) {
-    ASSERT_NO_FATAL_FAILURE(Start());
-    for (const uint16_t period : {uint16_t{100}, uint16_t{0}}) {
-        ASSERT_TRUE(core_.SetUpdateGpioLedLights(0, 0x81, period));
-        core_.m_toggleCounter = 0;
-        const size_t from = Mcu().LedTimeline().size();
-        const auto end = Clock::now() + std::chrono::milliseconds(1000);
-        while (Clock::now() < end) {
-            firmware::BlinkStep(core_);
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        const auto writes = WritesSince(from);
-        if (period == 0) {
-            ASSERT_EQ(writes.size(), 1u);
-            EXPECT_EQ(writes[0].pattern, 0x81);
-            continue;
-        }
-        EXPECT_GE(writes.size(), 8u);
-        EXPECT_LE(writes.size(), 11u);
-        ExpectAlternating(writes, 0x81);
-        for (size_t i = 1; i < writes.size(); ++i)
-            EXPECT_GE(writes[i].atMs - writes[i - 1].atMs, 100u) << i;
-    }
-}
-
 // The finish lights blink the outcome's phase until the next update start,
 // then say that they end.
 TEST_F(Lights, FinishLightsRunUntilTheNextUpdateStarts) {
@@ -157,18 +130,6 @@ TEST_F(Lights, FinishLightsRunUntilTheNextUpdateStarts) {
         EXPECT_EQ(MessageLog::Count("Call Exit_UpdateFinish_Lights_Thread_0.\n"), 1);
         EXPECT_EQ(MessageLog::Count("Call Exit_UpdateFinish_Lights_Thread_1.\n"), 1);
     }
-}
-
-TEST_F(Lights, FinishLightsEndWhenTheLedCannotBeWritten) {
-    ASSERT_NO_FATAL_FAILURE(Start());
-    Mcu().Faults().nackRegister = firmware::kLedRegister;
-    core_.m_updateFinished = true;
-    firmware::StartFinishLights(core_, true);
-    const auto end = Clock::now() + std::chrono::seconds(5);
-    while (MessageLog::Count("Call Exit_UpdateFinish_Lights_Thread_1.\n") == 0 && Clock::now() < end)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(MessageLog::Count("Call Exit_UpdateFinish_Lights_Thread_1.\n"), 1);
-    EXPECT_TRUE(core_.m_updateFinished);
 }
 
 // Models 6 and 8: six writes to the RGB light chip through the

@@ -156,17 +156,6 @@ TEST(UsbUpdate, FailuresEndWithTheirMessage) {
     }
 }
 
-TEST(UsbUpdate, SecondStartIsRefusedWhileOneRuns) {
-    Rig rig("");
-    ASSERT_TRUE(rig.ok());
-    rig.core_.m_usbFileValid = 1;
-    rig.core_.m_deviceState = kDeviceStateUpdating;
-    EXPECT_FALSE(rig.core_.StartUsbFwUpdate());
-    EXPECT_EQ(MessageLog::Count("You are already updating!\n"), 1);
-    EXPECT_FALSE(rig.core_.StartUsbFwUpdateForToolCore());
-    rig.core_.m_deviceState = kDeviceStateSelected;
-}
-
 // A backup holds the whole flash and puts the device back as it was after
 // another image was written; a failed backup leaves no file and keeps an
 // earlier one at the same path.

@@ -52,18 +52,6 @@ TEST(LogLocationRecord, OnlyZeroTurnsCurrentFolderOff) {
     EXPECT_TRUE(Apply({{"GenToCurrentFolder", ""}}).genToCurrentFolder);
 }
 
-TEST(LogLocationRecord, PerUserPathJoinsAppDataCompanyProduct) {
-    korvsdk_test::SetEnvironment("APPDATA", "C:" + Sep() + "Users" + Sep() + "me");
-    const LogLocation location = Apply({{"GenToCurrentFolder", "0"},
-                                        {"CompanyFolderName", "Acme"},
-                                        {"ProductFolderName", "Viewer"}});
-    const std::string path = location.LogFilePath();
-    const std::string head = "C:" + Sep() + "Users" + Sep() + "me" + Sep() + "Acme" + Sep() +
-                             "Viewer" + Sep() + "Device_Log_";
-    EXPECT_EQ(path.rfind(head, 0), 0u) << path;
-    EXPECT_EQ(path.substr(path.size() - 4), ".txt");
-}
-
 TEST(LogLocationRecord, UnsetAppDataFallsBackToWorkingFolder) {
     korvsdk_test::UnsetEnvironment("APPDATA");
     const LogLocation location = Apply({{"GenToCurrentFolder", "0"},
@@ -81,27 +69,4 @@ TEST(LogLocationRecord, CurrentFolderIsMadeAbsolute) {
     EXPECT_TRUE(path.is_absolute()) << path;
     EXPECT_EQ(fs::weakly_canonical(path.parent_path()), folder.path() / "logs");
     EXPECT_EQ(location.StampedFileName("Dump_").rfind("Dump_", 0), 0u);
-}
-
-TEST(LogLocationRecord, BuildReadsWorkingFolderSettingsAndCreatesFolders) {
-    korvsdk_test::TempFolder folder;
-    korvsdk_test::WorkingFolder cwd(folder.path());
-    korvsdk_test::SetEnvironment("APPDATA", (folder.path() / "roaming").string());
-    fs::create_directory(folder.path() / "roaming");
-    korvsdk_test::WriteFile(folder.path() / "setting.cfg",
-                            "GenToCurrentFolder=0\nCompanyFolderName=Acme\nProductFolderName=Viewer\n");
-    const LogLocation location = LogLocation::Build();
-    EXPECT_FALSE(location.genToCurrentFolder);
-    EXPECT_TRUE(fs::is_directory(folder.path() / "roaming" / "Acme" / "Viewer"));
-}
-
-TEST(LogLocationRecord, OldLogPassRemovesNothing) {
-    korvsdk_test::TempFolder folder;
-    korvsdk_test::SetEnvironment("APPDATA", folder.path().string());
-    korvsdk_test::WriteFile(folder.path() / "Device_Log_old.txt", "x");
-    korvsdk_test::WriteFile(folder.path() / "Device_.txt", "x");  // the seven-character piece
-    const LogLocation location = Apply({});
-    EXPECT_EQ(location.RemoveOldLogs(), 0);
-    EXPECT_TRUE(fs::exists(folder.path() / "Device_Log_old.txt"));
-    EXPECT_TRUE(fs::exists(folder.path() / "Device_.txt"));
 }

@@ -104,19 +104,6 @@ void ExpectErrorLine(const ProcessResult& result, int status, const std::string&
     EXPECT_TRUE(Contains(lines[0], part)) << lines[0];
 }
 
-// A failure with --json: the exit status, and on standard output one JSON
-// document that says the same.
-void ExpectJsonError(const ProcessResult& result, const std::string& command, int status,
-                     const std::string& part) {
-    EXPECT_EQ(result.exitCode, status) << result.err;
-    json doc;
-    ASSERT_NO_THROW(doc = json::parse(result.out)) << result.out;
-    EXPECT_EQ(doc.value("command", ""), command);
-    EXPECT_EQ(doc.value("ok", true), false);
-    EXPECT_EQ(doc.value("exit_code", 0), status);
-    EXPECT_TRUE(Contains(doc.value("error", ""), part)) << doc.dump();
-}
-
 // ---- Help -----------------------------------------------------------------
 
 using KorvtoolHelp = Korvtool;
@@ -135,36 +122,6 @@ TEST_F(KorvtoolHelp, VersionIsTheLibraryHeaders) {
     const ProcessResult result = Run({"--version"});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(result.out, std::string("korvtool ") + KORVSDK_VERSION_STRING + "\n");
-}
-
-TEST_F(KorvtoolHelp, EveryCommandHasItsOwnHelp) {
-    // Help needs no settings file: the working folder is empty.
-    for (const std::vector<std::string>& command :
-         {std::vector<std::string>{"list"}, {"info"}, {"audio"}, {"audio", "set"}, {"hdmi-info"},
-          {"usb-info"}, {"mcu-info"}, {"save"}, {"boot-mode"}, {"boot-mode", "check"},
-          {"boot-mode", "enter"}, {"update", "usb"}, {"update", "mcu"}, {"make-image", "usb"},
-          {"make-image", "mcu"}}) {
-        std::vector<std::string> args = command;
-        args.push_back("--help");
-        const ProcessResult result = Run(args);
-        std::string usage = "Usage: korvtool";
-        for (const std::string& word : command) usage += " " + word;
-        EXPECT_EQ(result.exitCode, 0) << usage;
-        EXPECT_TRUE(Contains(result.out, usage)) << result.out;
-        EXPECT_TRUE(Contains(result.out, "Global options")) << result.out;
-    }
-}
-
-TEST_F(KorvtoolHelp, AudioHelpNamesEveryControlAndState) {
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"audio", "--help"}, {"audio", "set", "--help"}}) {
-        const ProcessResult result = Run(args);
-        EXPECT_EQ(result.exitCode, 0);
-        for (const char* name : {"hp-out-volume", "mic-in-volume", "aux-in-volume", "hp-out-mute",
-                                 "mic-in-mute", "aux-in-mute", "video-locked", "hp-mic-plugged",
-                                 "line-in-plugged", "0 to 100"})
-            EXPECT_TRUE(Contains(result.out, name)) << name;
-    }
 }
 
 // ---- Usage errors (exit 2) ------------------------------------------------
@@ -209,11 +166,6 @@ TEST_F(KorvtoolUsage, MissingSettingsFiles) {
     ExpectErrorLine(Run({"list"}), 2, "no setting.cfg in the working folder");
 }
 
-TEST_F(KorvtoolUsage, JsonReportsTheErrorToo) {
-    ExpectJsonError(Run({"--virtual", "--json", "audio", "set", "hp-out-volume", "300"}),
-                    "audio set", 2, "from 0 to 100");
-}
-
 // ---- list -----------------------------------------------------------------
 
 using KorvtoolList = Korvtool;
@@ -252,13 +204,6 @@ TEST_F(KorvtoolList, NoDeviceIsNotAnError) {
     result = Run({"--config", Settings(kNoDevice), "--json", "list"});
     EXPECT_EQ(result.exitCode, 0);
     EXPECT_EQ(Json(result)["devices"], json::array());
-}
-
-TEST_F(KorvtoolList, ReadsSettingCfgOfTheWorkingFolderByDefault) {
-    Settings(kTwoDevices, "setting.cfg");
-    const ProcessResult result = Run({"list"});
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_TRUE(Contains(result.out, "Found 2 capture devices:")) << result.out;
 }
 
 TEST_F(KorvtoolList, VirtualLeavesNothingInTheWorkingFolder) {
@@ -349,21 +294,6 @@ TEST_F(KorvtoolInfo, FailsForADeviceThatIsNotThere) {
     ExpectErrorLine(Run({"--config", settings, "info"}), 1, "2 devices found: choose one");
 }
 
-TEST_F(KorvtoolInfo, FailureInJson) {
-    ExpectJsonError(Run({"--config", Settings(kTwoDevices), "--device", "7", "--json", "info"}),
-                    "info", 1, "there is no device 7");
-}
-
-TEST_F(KorvtoolInfo, ADeviceThatStopsAnsweringIsADeviceFailure) {
-    // The device goes after its first report transfer.
-    const ProcessResult result =
-        Run({"--config", Settings(kOneDevice + "Virtual0_UnplugAfter=1\n"), "info"});
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(Lines(result.err).size(), 1u) << result.err;
-    EXPECT_TRUE(Contains(result.err, "korvtool: error: ")) << result.err;
-}
-
 // ---- boot mode and save ---------------------------------------------------
 
 using KorvtoolMcu = Korvtool;
@@ -378,12 +308,6 @@ TEST_F(KorvtoolMcu, BootModeCheck) {
     EXPECT_EQ(doc.value("command", ""), "boot-mode check");
     EXPECT_EQ(doc["boot_mode"], "application");
     EXPECT_EQ(doc["value"], 0);
-}
-
-TEST_F(KorvtoolMcu, BootModeEnter) {
-    const ProcessResult result = Run({"--virtual", "--json", "boot-mode", "enter"});
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(Json(result)["boot_mode"], "bootloader");
 }
 
 TEST_F(KorvtoolMcu, Save) {
@@ -408,13 +332,10 @@ TEST_F(KorvtoolMcu, ADeviceWithoutAMicrocontroller) {
     EXPECT_TRUE(doc["mcu_firmware"].is_null()) << doc.dump();
     EXPECT_TRUE(doc["boot_mode"].is_null()) << doc.dump();
 
-    ExpectErrorLine(Run({"--config", settings, "audio"}), 1,
-                    "reading hp-out-volume failed: this device has no microcontroller");
+    // One command of each kind that needs the microcontroller (each run
+    // waits out the silent microcontroller's probes, so only a few).
     ExpectErrorLine(Run({"--config", settings, "audio", "set", "mic-in-mute", "on"}), 1,
                     "setting mic-in-mute to on failed: this device has no microcontroller");
-    ExpectErrorLine(Run({"--config", settings, "save"}), 1, "this device has no microcontroller");
-    ExpectErrorLine(Run({"--config", settings, "boot-mode", "check"}), 1,
-                    "this device has no microcontroller");
     ExpectErrorLine(Run({"--config", settings, "mcu-info"}), 1, "No MCU detected");
 }
 
@@ -578,29 +499,6 @@ TEST_F(KorvtoolUpdate, WritesBothKindsWithProgressLines) {
                                  "Re-plug the device"})
             EXPECT_TRUE(Contains(result.out, word)) << row.kind << ": " << word;
     }
-}
-
-TEST_F(KorvtoolUpdate, JsonIsOneEventPerLine) {
-    ASSERT_NO_FATAL_FAILURE(Make({"usb", "new.hex"}));
-    const ProcessResult result = Run({"--virtual", "--json", "update", "usb", "new.hex"});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    std::vector<json> events;
-    for (const std::string& line : Lines(result.out)) ASSERT_NO_THROW(events.push_back(json::parse(line))) << line;
-    ASSERT_GE(events.size(), 3u);
-    EXPECT_EQ(events.front()["event"], "start");
-    EXPECT_EQ(events.front()["file_version"], "01.00.02.00.0000");
-    EXPECT_EQ(events.back()["event"], "end");
-    EXPECT_EQ(events.back()["state"], "UpdateCompleted");
-    EXPECT_EQ(events.back()["ok"], true);
-    double last = -1;
-    for (size_t i = 1; i + 1 < events.size(); ++i) {
-        EXPECT_EQ(events[i]["event"], "progress");
-        if (events[i]["phase"] == "Writing") {
-            EXPECT_GE(events[i]["percent"].get<double>(), last);
-            last = events[i]["percent"].get<double>();
-        }
-    }
-    EXPECT_GT(last, 50.0);
 }
 
 TEST_F(KorvtoolUpdate, RefusedFilesSayWhyAndChangeNothing) {

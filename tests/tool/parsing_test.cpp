@@ -29,24 +29,6 @@ std::pair<ExitStatus, std::string> ErrorOf(Call call) {
     return {kExitSuccess, ""};
 }
 
-TEST(ChooseDevice, TakesTheOnlyDeviceWithoutAChoice) {
-    EXPECT_EQ(ChooseDevice({TwoDevices()[1]}, std::nullopt), 0u);
-}
-
-TEST(ChooseDevice, AsksForAChoiceAmongSeveral) {
-    const auto [status, text] = ErrorOf([] { ChooseDevice(TwoDevices(), std::nullopt); });
-    EXPECT_EQ(status, kExitFailure);
-    EXPECT_NE(text.find("2 devices found"), std::string::npos) << text;
-    EXPECT_NE(text.find("--device"), std::string::npos) << text;
-}
-
-TEST(ChooseDevice, TakesAnIndexOrASerialInAnyCase) {
-    EXPECT_EQ(ChooseDevice(TwoDevices(), std::string("1")), 1u);
-    EXPECT_EQ(ChooseDevice(TwoDevices(), std::string("0")), 0u);
-    EXPECT_EQ(ChooseDevice(TwoDevices(), std::string("VC00000002")), 1u);
-    EXPECT_EQ(ChooseDevice(TwoDevices(), std::string("vc00000002")), 1u);
-}
-
 TEST(ChooseDevice, ASerialMadeOfDigitsWinsOverTheIndex) {
     std::vector<DeviceInfo> devices = TwoDevices();
     devices[1].serial = "0";
@@ -104,40 +86,11 @@ TEST(ControlValue, MutesTakeOnOffAndTheirSynonyms) {
     EXPECT_EQ(FormatControlValue(ControlKind::kVolume, 42), "42");
 }
 
-TEST(HdmiInfoText, GivesTheBytesWithOrWithoutThePrefix) {
-    std::string zeros = "00";
-    for (int i = 1; i < 24; ++i) zeros += " 00";
-    ASSERT_EQ(zeros.size(), 71u);
-    const auto fromZeros = ParseHdmiInfo("HDMI info: " + zeros);
-    ASSERT_TRUE(fromZeros);
-    EXPECT_EQ(*fromZeros, std::vector<uint8_t>(24, 0));
-
-    const auto bytes = ParseHdmiInfo("01 00 00 00 80 07 38 04 3c ff\n");
-    ASSERT_TRUE(bytes);
-    EXPECT_EQ(*bytes, (std::vector<uint8_t>{0x01, 0, 0, 0, 0x80, 0x07, 0x38, 0x04, 0x3c, 0xff}));
-    EXPECT_EQ(HexBytes(*bytes), "01 00 00 00 80 07 38 04 3c ff");
-}
-
 TEST(HdmiInfoText, RefusesOtherTexts) {
     EXPECT_FALSE(ParseHdmiInfo("HDMI info: "));
     EXPECT_FALSE(ParseHdmiInfo("HDMI info: 01 0 02"));
     EXPECT_FALSE(ParseHdmiInfo("HDMI info: 01 zz"));
     EXPECT_FALSE(ParseHdmiInfo("USB FW current version: 01.00.01.09"));
-}
-
-TEST(UsbInfoText, GivesResolutionRateAndFormat) {
-    const auto info = ParseUsbInfo("Resolution=1920x1080 FrameRate=60 ColorFormat=YUYV");
-    ASSERT_TRUE(info);
-    EXPECT_EQ(info->width, 1920);
-    EXPECT_EQ(info->height, 1080);
-    EXPECT_EQ(info->frameRate, 60);
-    EXPECT_EQ(info->colorFormat, "YUYV");
-
-    // The library writes 0 for a colour code without a name.
-    const auto unnamed = ParseUsbInfo("Resolution=0x0 FrameRate=0 ColorFormat=0");
-    ASSERT_TRUE(unnamed);
-    EXPECT_EQ(unnamed->width, 0);
-    EXPECT_EQ(unnamed->colorFormat, "");
 }
 
 TEST(UsbInfoText, RefusesOtherTexts) {
@@ -150,17 +103,6 @@ TEST(UsbInfoText, RefusesOtherTexts) {
 const char kMcuSummary[] =
     "[MCU_Info] a0=0d a2=00 02=01 0c=01 0e=00 10=50 11=3c 12=46 13=00 14=00 15=00 16=00 "
     "17=00 c6=00 EDID: true, 00 ff ff ff ff ff ff 00 1e 6d 01 00";
-
-TEST(McuInfoText, GivesRegistersAndTheEdidVerdict) {
-    const auto info = ParseMcuInfo(kMcuSummary);
-    ASSERT_TRUE(info);
-    ASSERT_EQ(info->registers.size(), 14u);
-    EXPECT_EQ(info->registers.front(), std::make_pair(uint8_t{0xa0}, uint8_t{0x0d}));
-    EXPECT_EQ(info->registers[5], std::make_pair(uint8_t{0x10}, uint8_t{0x50}));
-    EXPECT_EQ(info->registers.back(), std::make_pair(uint8_t{0xc6}, uint8_t{0x00}));
-    EXPECT_EQ(info->edid, EdidVerdict::kValid);
-    EXPECT_EQ(HexBytes(info->edidBytes), "00 ff ff ff ff ff ff 00 1e 6d 01 00");
-}
 
 TEST(McuInfoText, KnowsTheOtherEdidOutcomes) {
     const auto invalid = ParseMcuInfo("[MCU_Info] a0=0d EDID: false, 01 02");

@@ -34,37 +34,6 @@ TEST(Obj, ComparesByTypeThenValue) {
     }
 }
 
-TEST(Obj, TypesSizesAndTexts) {
-    struct Row {
-        Obj value;
-        Obj::Types type;
-        uint64_t size;
-        const char* text;
-    };
-    const Row rows[] = {
-        {Obj(), Obj::kNil, 8, "(nil)"},
-        {Obj(-7), Obj::kInt32, 4, "-7"},
-        {Obj(4000000000u), Obj::kUInt32, 4, "4000000000"},
-        {Obj(int64_t{-5000000000}), Obj::kInt64, 8, "-5000000000"},
-        {Obj(uint64_t{18446744073709551615u}), Obj::kUInt64, 8, "18446744073709551615"},
-        {Obj(1.0f / 3), Obj::kFloat, 4, "0.333333"},
-        {Obj(123456789.0), Obj::kDouble, 8, "1.23457e+08"},
-        {Obj("text"), Obj::kString, 8, "text"},
-        {Obj(reinterpret_cast<void*>(uintptr_t{0x1234})), Obj::kPointer, 8, "4660"},
-        {Obj(false), Obj::kBool, 1, "false"},
-    };
-    for (const Row& r : rows) {
-        EXPECT_EQ(r.value.GetType(), r.type) << r.text;
-        EXPECT_EQ(r.value.GetSize(), r.size) << r.text;
-        EXPECT_EQ(r.value.ToStr(), r.text);
-    }
-    if (sizeof(void*) == 8) {
-        // Only the low 32 bits of a pointer are printed.
-        const auto high = static_cast<uintptr_t>(uint64_t{1} << 32);
-        EXPECT_EQ(Obj(reinterpret_cast<void*>(high)).ToStr(), "0");
-    }
-}
-
 TEST(Obj, CopiesOwnTheirText) {
     Obj source("hello");
     {

@@ -1,11 +1,11 @@
 // Fake hidraw devices for testing the Linux backend against a synthetic
 // sysfs (see support/linux/umockdev_testbed.h). FakeHidDevice answers the
-// hidraw ioctls the way the kernel and a simple device would.
+// descriptor and device-information ioctls and read() the way the kernel
+// does; the report requests are left to the umockdev sessions.
 #pragma once
 
 #include <cstdint>
 #include <deque>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -21,36 +21,15 @@ namespace korvsdk_test {
 // can then never be found as a real one.
 inline constexpr const char* kFakeDevRoot = "/dev/korvsdk-test";
 
-// The byte that the fake device puts at offset `at` of the input report
-// `reportId` it answers with.
-inline uint8_t InputPattern(uint8_t reportId, size_t at) {
-    return static_cast<uint8_t>(reportId * 31u + at * 7u + 1u);
-}
-
 struct FakeHidDevice {
     std::vector<uint8_t> descriptor;
     uint16_t vendorId = 0;  // what HIDIOCGRAWINFO reports
     uint16_t productId = 0;
 
-    // One report ioctl as the device received it.
-    struct Request {
-        unsigned number = 0;  // _IOC_NR: 0x06 set feature, 0x07 get feature, 0x0A get input, 0x0B set output
-        size_t length = 0;    // the length the ioctl carried
-        std::vector<uint8_t> bytes;  // the buffer as sent
-    };
-
     // Everything below is shared with umockdev's worker thread.
     std::mutex mutex;
-    std::map<uint8_t, std::vector<uint8_t>> features;  // report ID -> data after the ID
-    std::deque<std::vector<uint8_t>> inputQueue;       // what read() hands out, one report each
-    std::vector<Request> requests;
-    std::vector<std::vector<uint8_t>> written;  // write() calls
-    bool unplugged = false;                     // every call then fails as on a removed device
-
-    std::vector<Request> Requests() {
-        std::lock_guard lock(mutex);
-        return requests;
-    }
+    std::deque<std::vector<uint8_t>> inputQueue;  // what read() hands out, one report each
+    bool unplugged = false;                        // every call then fails as on a removed device
 };
 
 // The testbed with fake devices behind the nodes, which live in kFakeDevRoot.

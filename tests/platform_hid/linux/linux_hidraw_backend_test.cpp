@@ -59,12 +59,6 @@ std::shared_ptr<FakeHidDevice> MakeDevice(const std::vector<uint8_t>& descriptor
     return device;
 }
 
-std::u16string WideString(const std::vector<uint8_t>& bytes) {
-    std::u16string text(bytes.size() / 2, u'\0');
-    std::memcpy(text.data(), bytes.data(), text.size() * 2);
-    return text.substr(0, text.find(u'\0'));
-}
-
 class LinuxHidraw : public ::testing::Test {
 protected:
     // A capture device on port 1-2 with one HID interface; returns its node.
@@ -100,26 +94,6 @@ protected:
 using Entries = std::vector<UsbDeviceInfo>;
 
 // ---- USB enumeration ----------------------------------------------------------
-
-TEST_F(LinuxHidraw, UsbDevicesInWindowsInstanceIdForm) {
-    sysfs.AddUsb("usb1", {{"idVendor", "1d6b"}, {"idProduct", "0002"}});  // root hub: left out
-    const auto single = sysfs.AddUsb(
-        "1-2", {{"idVendor", "fff0"}, {"idProduct", "0a1b"}, {"serial", "SN0042"}, {"product", "HDMI Capture"}});
-    sysfs.AddUsb("1-2:1.0", {{"bInterfaceNumber", "00"}}, single);
-    // A composite device, its interfaces added out of order; the 0x0a shows
-    // that MI_ is hexadecimal, the audio one has an interface string.
-    const auto composite = sysfs.AddUsb(
-        "1-3", {{"idVendor", "abcd"}, {"idProduct", "ef01"}, {"serial", "C0MP"}, {"product", "Dock"}});
-    sysfs.AddUsb("1-3:1.10", {{"bInterfaceNumber", "0a"}}, composite);
-    sysfs.AddUsb("1-3:1.0", {{"bInterfaceNumber", "00"}}, composite);
-    sysfs.AddUsb("1-3:1.2", {{"bInterfaceNumber", "02"}, {"interface", "Audio"}}, composite);
-
-    EXPECT_EQ(UsbDevices(), (Entries{{"USB\\VID_FFF0&PID_0A1B\\SN0042", "HDMI Capture"},
-                                     {"USB\\VID_ABCD&PID_EF01\\C0MP", "Dock"},
-                                     {"USB\\VID_ABCD&PID_EF01&MI_00\\1-3:1.0", "Dock"},
-                                     {"USB\\VID_ABCD&PID_EF01&MI_02\\1-3:1.2", "Audio"},
-                                     {"USB\\VID_ABCD&PID_EF01&MI_0A\\1-3:1.10", "Dock"}}));
-}
 
 TEST_F(LinuxHidraw, SerialStandInAndBadAttributes) {
     // Serials Windows would not use in an instance ID give way to the sysfs name.
@@ -266,87 +240,6 @@ TEST_F(LinuxHidraw, NodeGoneBeforeOpenOrWhileOpen) {
 
 // ---- Reports ----------------------------------------------------------------
 
-TEST_F(LinuxHidraw, OutputAndInputReportsThroughControlIoctls) {
-    const HidHandle handle = OpenCaptureDevice();
-    std::vector<uint8_t> output(64);
-    for (size_t at = 0; at < output.size(); ++at) output[at] = static_cast<uint8_t>(at * 3);
-    output[0] = 2;
-    ASSERT_TRUE(backend.SetOutputReport(handle, output.data(), static_cast<uint32_t>(output.size())));
-
-    // An input request whose length word carries command 0x12 in its high
-    // byte: the buffer is as long as the word says, the device sees that
-    // length and fills all of it.
-    const uint16_t lengthWord = (0x12 << 8) | 0x40;
-    std::vector<uint8_t> input(lengthWord, 0);
-    input[0] = 1;
-    ASSERT_TRUE(backend.GetInputReport(handle, input.data(), lengthWord));
-    for (size_t at = 1; at < input.size(); ++at)
-        ASSERT_EQ(input[at], korvsdk_test::InputPattern(1, at)) << "byte " << at;
-
-    // A buffer longer than an ioctl can describe is refused unsent.
-    std::vector<uint8_t> tooLong(0x4000, 0);
-    tooLong[0] = 1;
-    EXPECT_FALSE(backend.GetInputReport(handle, tooLong.data(), static_cast<uint32_t>(tooLong.size())));
-
-    const auto requests = device->Requests();
-    ASSERT_EQ(requests.size(), 2u);
-    EXPECT_EQ(requests[0].number, 0x0Bu);
-    EXPECT_EQ(requests[0].bytes, output);
-    EXPECT_EQ(requests[1].number, 0x0Au);
-    EXPECT_EQ(requests[1].length, lengthWord);
-    EXPECT_EQ(requests[1].bytes[0], 1);
-    backend.Close(handle);
-}
-
-TEST_F(LinuxHidraw, FeatureReports) {
-    const HidHandle handle = OpenCaptureDevice();
-    uint8_t set[8] = {3, 0xDE, 0xAD, 0xBE, 0xEF, 5, 6, 7};
-    ASSERT_TRUE(backend.SetFeature(handle, set, sizeof set));
-
-    uint8_t got[8] = {3};
-    ASSERT_TRUE(backend.GetFeature(handle, got, sizeof got));
-    EXPECT_EQ(0, std::memcmp(got, set, sizeof set));
-    uint8_t missing[8] = {9};  // the device stalls a report it does not have
-    EXPECT_FALSE(backend.GetFeature(handle, missing, sizeof missing));
-    EXPECT_FALSE(backend.SetFeature(handle, set, 0));
-
-    const auto requests = device->Requests();
-    ASSERT_EQ(requests.size(), 3u);
-    EXPECT_EQ(requests[0].number, 0x06u);
-    EXPECT_EQ(requests[1].number, 0x07u);
-    EXPECT_EQ(requests[1].length, sizeof got);
-    backend.Close(handle);
-}
-
-TEST_F(LinuxHidraw, ReadWriteAndFlush) {
-    const HidHandle handle = OpenCaptureDevice();
-    const uint8_t out[4] = {2, 0x10, 0x20, 0x30};
-    uint32_t done = 0;
-    ASSERT_TRUE(backend.Write(handle, out, sizeof out, done));
-    EXPECT_EQ(done, sizeof out);
-    {
-        std::lock_guard lock(device->mutex);
-        ASSERT_EQ(device->written.size(), 1u);
-        EXPECT_EQ(device->written[0], std::vector<uint8_t>(out, out + sizeof out));
-        device->inputQueue = {{1, 0xAA, 0xBB}, {1, 0xCC}, {1, 0xDD}, {1, 0xEE}};
-    }
-
-    uint8_t in[16] = {};
-    ASSERT_TRUE(backend.Read(handle, in, sizeof in, done));
-    EXPECT_EQ(done, 3u);
-    EXPECT_EQ(in[0], 1);
-    EXPECT_EQ(in[2], 0xBB);
-
-    // Flush discards the three still queued; Read then waits out its
-    // timeout and fails with nothing read.
-    ASSERT_TRUE(backend.FlushQueue(handle));
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(backend.Read(handle, in, sizeof in, done));
-    EXPECT_EQ(done, 0u);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, kReadTimeout);
-    backend.Close(handle);
-}
-
 TEST_F(LinuxHidraw, UnnumberedInputReportsGetReportIdZero) {
     const HidHandle handle = OpenCaptureDevice(kUnnumberedDescriptor);
     {
@@ -364,64 +257,6 @@ TEST_F(LinuxHidraw, UnnumberedInputReportsGetReportIdZero) {
 }
 
 // ---- Attributes, strings, buffers -------------------------------------------
-
-TEST_F(LinuxHidraw, AttributesFromRawInfoAndBcdDevice) {
-    // The IDs in sysfs and from the kernel differ here only to show which
-    // one each field comes from.
-    const HidHandle handle = OpenCaptureDevice(kNumberedDescriptor, {{"idVendor", "1111"}});
-    HiddAttributes attributes{};
-    ASSERT_TRUE(backend.GetAttributes(handle, attributes));
-    EXPECT_EQ(attributes.Size, sizeof(HiddAttributes));
-    EXPECT_EQ(attributes.VendorID, 0xFFF0);
-    EXPECT_EQ(attributes.ProductID, 0x0001);
-    EXPECT_EQ(attributes.VersionNumber, 0x0213);
-    backend.Close(handle);
-}
-
-TEST_F(LinuxHidraw, UsbStringsAsUtf16) {
-    // U+00FC and U+20AC are one UTF-16 unit each, U+1F600 two.
-    const std::string product = "Capture \xC3\xBC\xE2\x82\xAC\xF0\x9F\x98\x80";
-    const HidHandle handle = OpenCaptureDevice(kNumberedDescriptor, {{"product", product}});
-    const std::u16string expected = u"Capture \u00FC\u20AC\U0001F600";
-    const uint32_t fits = static_cast<uint32_t>((expected.size() + 1) * 2);
-
-    std::vector<uint8_t> buffer(fits + 8, 0xFF);
-    ASSERT_TRUE(backend.GetProductString(handle, buffer.data(), fits));
-    EXPECT_EQ(WideString(buffer), expected);
-    EXPECT_EQ(buffer[fits - 2], 0);  // terminated
-    EXPECT_EQ(buffer[fits - 1], 0);
-    EXPECT_EQ(buffer[fits], 0xFF);  // and nothing written past it
-    EXPECT_FALSE(backend.GetProductString(handle, buffer.data(), fits - 1));
-
-    ASSERT_TRUE(backend.GetSerialNumberString(handle, buffer.data(), 64));
-    EXPECT_EQ(WideString(buffer), u"SN0042");
-    EXPECT_FALSE(backend.GetManufacturerString(handle, buffer.data(), 64));  // the device has none
-
-    // hidraw has no way to ask for these.
-    EXPECT_FALSE(backend.GetIndexedString(handle, 1, buffer.data(), 64));
-    EXPECT_FALSE(backend.GetPhysicalDescriptor(handle, buffer.data(), 64));
-    EXPECT_FALSE(backend.GetMsGenreDescriptor(handle, buffer.data(), 64));
-    backend.Close(handle);
-}
-
-TEST_F(LinuxHidraw, NumInputBuffersPerHandle) {
-    const HidHandle first = OpenCaptureDevice();
-    const HidHandle second = backend.Open(std::string(kFakeDevRoot) + "/hidraw0");
-    ASSERT_NE(second, kInvalidHidHandle);
-    uint32_t count = 0;
-    ASSERT_TRUE(backend.GetNumInputBuffers(first, count));
-    EXPECT_EQ(count, 32u);
-    EXPECT_TRUE(backend.SetNumInputBuffers(first, 2));
-    EXPECT_TRUE(backend.SetNumInputBuffers(first, 512));
-    EXPECT_FALSE(backend.SetNumInputBuffers(first, 1));
-    EXPECT_FALSE(backend.SetNumInputBuffers(first, 513));
-    ASSERT_TRUE(backend.GetNumInputBuffers(first, count));
-    EXPECT_EQ(count, 512u);
-    ASSERT_TRUE(backend.GetNumInputBuffers(second, count));
-    EXPECT_EQ(count, 32u);
-    backend.Close(first);
-    backend.Close(second);
-}
 
 // ---- Descriptor outline -----------------------------------------------------
 

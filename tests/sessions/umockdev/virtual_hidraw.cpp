@@ -208,7 +208,6 @@ VirtualHidrawDevices::VirtualHidrawDevices(VirtualHidBackend& model) {
         testbed_.AddHidraw(hidInterface, config.vid, config.pid,
                            VideoConsoleCore::virtualdev::BuildReportDescriptor(config), nodePath,
                            handler, std::move(node));
-        usbDevices_.push_back(usb);
     }
 }
 
@@ -216,10 +215,6 @@ VirtualHidrawDevices::~VirtualHidrawDevices() = default;
 
 std::string VirtualHidrawDevices::NodePath(size_t device) const {
     return "/dev/hidraw" + std::to_string(kFirstNode + device);
-}
-
-std::string VirtualHidrawDevices::UsbDevicePath(size_t device) const {
-    return usbDevices_.at(device);
 }
 
 }  // namespace korvsdk_test

@@ -44,13 +44,11 @@ public:
     VirtualHidrawDevices& operator=(const VirtualHidrawDevices&) = delete;
 
     std::string NodePath(size_t device) const;     // "/dev/hidraw64"
-    std::string UsbDevicePath(size_t device) const;  // "/sys/devices/usb1/1-1"
     // The real file behind NodePath(device), whose mode a test may change.
     std::string NodeFile(size_t device) const { return testbed_.Outside(NodePath(device)); }
 
 private:
     UmockdevTestbed testbed_;
-    std::vector<std::string> usbDevices_;
 };
 
 }  // namespace korvsdk_test

@@ -1,37 +1,16 @@
-// Flash images (*.hex): their layout, the file, and whether the device
-// boots one that the host has written through the data reports.
+// The firmware files the update tests and korvtool --virtual write: the
+// fields of a flash image (*.hex) and of a program image (*.bin) at the
+// addresses the library reads them from. A field moved here would go
+// unnoticed by the session tests, whose files come from the same builders.
 #include <gtest/gtest.h>
 
 #include <cstring>
 
-#include "support/test_support.h"
 #include "virtual/device/usb_image.h"
-#include "host.h"
+#include "virtual/mcu/mcu_image.h"
 
-using namespace vdev_test;
+using namespace VideoConsoleCore::virtualdev;
 namespace layout = VideoConsoleCore::virtualdev::flash_layout;
-
-namespace {
-
-// Writes the whole image from flash address 0, as a whole-flash update
-// does, and plugs the device in again.
-void WriteImageAndReplug(VirtualHidBackend& backend, const std::vector<uint8_t>& image) {
-    {
-        Host host(backend);
-        ASSERT_TRUE(host.FlashSetup(1, 0, static_cast<uint32_t>(image.size())));
-        ASSERT_GT(host.BurstWrite(image), 0);
-    }
-    backend.Replug(0);
-}
-
-std::array<uint32_t, 4> RunningVersion(VirtualHidBackend& backend) {
-    Host host(backend);
-    std::array<uint32_t, 4> words{};
-    for (size_t i = 0; i < 4; ++i) EXPECT_TRUE(host.ReadRegister(kVersionRegisters[i], words[i]));
-    return words;
-}
-
-}  // namespace
 
 TEST(UsbImage, FieldsSitAtTheirFlashAddresses) {
     UsbImageOptions o;
@@ -71,55 +50,22 @@ TEST(UsbImage, FieldsSitAtTheirFlashAddresses) {
     EXPECT_EQ(img[layout::kConfigBlock + 4], 0xFF);
 }
 
-TEST(UsbImage, TheIdentificationBlockWinsOverSlot3WhenTheyMeet) {
-    UsbImageOptions o;
-    o.infoBase = 0x500000;  // puts the block on slot 3
-    o.slot3Text = "ABC";
-    o.modelCode = 11;
-    o.size = 0x520100;  // a short image keeps what fits
-    const auto img = BuildUsbImage(o);
-    ASSERT_EQ(img.size(), 0x520100u);
-    o.size = 0x800000;
-    EXPECT_EQ(BuildUsbImage(o)[0x520180], 11);  // the model code must stay readable
-    EXPECT_EQ(img[0x520008], 0xF0);
-}
-
-TEST(UsbImage, WrittenToAFileByteForByte) {
-    korvsdk_test::TempFolder folder;
-    UsbImageOptions o;
-    o.versionText = "03.00.00.01";
-    const auto img = BuildUsbImage(o);
-    const auto path = folder.path() / "bridge.hex";
-    ASSERT_TRUE(WriteUsbImageFile(path.string(), img));
-    const std::string back = korvsdk_test::ReadFile(path);
-    ASSERT_EQ(back.size(), img.size());
-    EXPECT_EQ(std::memcmp(back.data(), img.data(), img.size()), 0);
-    EXPECT_FALSE(WriteUsbImageFile((folder.path() / "missing" / "bridge.hex").string(), img));
-}
-
-TEST(UsbImageUpdate, TheDeviceRunsAnImageWrittenThroughTheDataReports) {
-    auto backend = MakeBackend();
-    UsbImageOptions o;
-    o.versionText = "02.07.00.1c";
-    o.vid = 0x2345;
-    o.pid = 0x0C99;
-    WriteImageAndReplug(*backend, BuildUsbImage(o));
-    EXPECT_TRUE(backend->Bridge(0).RunningUpdatedFirmware());
-    EXPECT_EQ(RunningVersion(*backend), (std::array<uint32_t, 4>{2, 7, 0, 0x1C}));
-    // The image's identity is what the flash now reports.
-    Host host(*backend);
-    std::vector<uint8_t> ids;
-    ASSERT_TRUE(host.FlashSetup(3, layout::kVidAt, 4));
-    ASSERT_TRUE(host.BurstRead(4, ids));
-    EXPECT_EQ(ids, (std::vector<uint8_t>{0x45, 0x23, 0x99, 0x0C}));
-}
-
-TEST(UsbImageUpdate, AnImageWithABrokenHeaderBootsTheOriginalFirmware) {
-    auto backend = MakeBackend({{"Virtual0_OriginalFwVersion", "01.00.00.05"}});
-    UsbImageOptions o;
-    o.versionText = "02.00.00.00";
-    o.headerLength = 0;
-    WriteImageAndReplug(*backend, BuildUsbImage(o));
-    EXPECT_FALSE(backend->Bridge(0).RunningUpdatedFirmware());
-    EXPECT_EQ(RunningVersion(*backend), (std::array<uint32_t, 4>{1, 0, 0, 5}));
+TEST(McuImage, CarriesItsIdentityAtTheFixedOffsets) {
+    McuImageOptions o;
+    o.size = 0x3000;
+    o.deviceType = 0x05;
+    o.version = 0x17;
+    o.codec = 0x0A;
+    o.config = {0xC1, 0xC2, 0xC3};
+    const auto img = BuildMcuImage(o);
+    ASSERT_EQ(img.size(), 0x3000u);
+    EXPECT_EQ(img[0x801], 0x05);
+    EXPECT_EQ(img[0x800], 0x17);
+    EXPECT_EQ(img[0x808], 0x0A);
+    EXPECT_EQ(img[0x809], 0xC1);
+    EXPECT_EQ(img[0x80A], 0xC2);
+    EXPECT_EQ(img[0x80B], 0xC3);
+    EXPECT_TRUE(McuImageStartable(img.data(), img.size()));
+    // No two pages alike: a page at the wrong address shows in a verify.
+    EXPECT_NE(std::memcmp(&img[0x100], &img[0x180], 128), 0);
 }
