@@ -7,8 +7,10 @@
 //
 // Input layout (missing bytes read as zero):
 //   byte 0   bits 0-1: the board model (13, 6, 7 or 10: GPIO LED, RGB light
-//            and register-descriptor boards); bits 4-7: how many replies
-//            each update gets before the device stops answering (8..68)
+//            and register-descriptor boards); bit 2: the USB update's
+//            file is a flash image cut to 4 KiB; bits 4-7: how many report
+//            transfers (either way) each update gets before the device
+//            stops answering (8..68)
 //   then, one instruction per input report:
 //            bits 2-7: this many replies pass untouched first;
 //            bits 0-1: 0 pass, 1 flip one byte (offset byte, mask byte),
@@ -39,17 +41,21 @@ public:
     ReplyFuzzBackend(std::vector<vd::VirtualDeviceConfig> configs, fuzz::InputReader& input)
         : VirtualHidBackend(std::move(configs)), input_(input) {}
 
-    // Replies left before the device stops answering; negative: no limit.
-    void Limit(int replies) {
+    // Transfers (reports either way) left before the device stops
+    // answering; negative: no limit.
+    void Limit(int transfers) {
         std::lock_guard lock(mutex_);
-        left_ = replies;
+        left_ = transfers;
+    }
+
+    bool SetOutputReport(hid::HidHandle handle, void* buffer, uint32_t length) override {
+        return Transfer() && VirtualHidBackend::SetOutputReport(handle, buffer, length);
     }
 
     bool GetInputReport(hid::HidHandle handle, void* buffer, uint32_t length) override {
+        if (!Transfer()) return false;
         const bool ok = VirtualHidBackend::GetInputReport(handle, buffer, length);
         std::lock_guard lock(mutex_);
-        if (left_ == 0) return false;
-        if (left_ > 0) --left_;
         if (!ok || length == 0) return ok;
         if (passing_ > 0) {
             --passing_;
@@ -76,6 +82,13 @@ public:
     }
 
 private:
+    bool Transfer() {
+        std::lock_guard lock(mutex_);
+        if (left_ == 0) return false;
+        if (left_ > 0) --left_;
+        return true;
+    }
+
     fuzz::InputReader& input_;
     std::mutex mutex_;
     int left_ = -1;
@@ -83,15 +96,20 @@ private:
 };
 
 // The update files, the same for every run: images of the virtual board.
+// The flash image comes whole (as short as the checks allow) and cut
+// short, which only force mode takes.
 struct UpdateFiles {
     fuzz::MemoryFile usb{"u.hex"};
+    fuzz::MemoryFile shortUsb{"short.hex"};
     fuzz::MemoryFile mcu{"m.bin"};
     UpdateFiles() {
         vd::UsbImageOptions options;
-        options.size = 0x520010;  // the shortest image the update takes
+        options.size = 0x520010;
         const std::vector<uint8_t> image = vd::BuildUsbImage(options);
         usb.Resize(image.size());
         usb.Write(0, image.data(), image.size());
+        shortUsb.Resize(0x1000);
+        shortUsb.Write(0, image.data(), 0x1000);
         const std::vector<uint8_t> program = vd::BuildMcuImage({});
         mcu.Resize(program.size());
         mcu.Write(0, program.data(), program.size());
@@ -99,10 +117,10 @@ struct UpdateFiles {
 };
 
 void RunUpdate(VideoConsoleCoreImp& core, ReplyFuzzBackend& device, const std::string& path,
-               FirmwareKind kind, int replies) {
+               FirmwareKind kind, int transfers) {
     device.Limit(-1);
     if (!core.SetFirmwareFile(path.c_str(), kind)) return;
-    device.Limit(replies);
+    device.Limit(transfers);
     if (kind == kFirmwareUsbHex) {
         core.StartUsbFwUpdate();
     } else {
@@ -124,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     config.modelCode = kModels[setup & 3];
     config.mcu.deviceType = config.modelCode;
     config.serial = "VC00000001";
-    const int updateReplies = 8 + 4 * (setup >> 4);
+    const int updateTransfers = 8 + 4 * (setup >> 4);
 
     VideoConsoleCoreImp core;
     fuzz::QuietCore(core, {{"DevIDNum", "1"},
@@ -162,7 +180,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     core.GetHpMicPlugIn(&value);
     core.GetLineInPlugIn(&value);
 
-    RunUpdate(core, device, files.usb.Path(), kFirmwareUsbHex, updateReplies);
-    RunUpdate(core, device, files.mcu.Path(), kFirmwareMcuBin, updateReplies);
+    const fuzz::MemoryFile& usbFile = (setup & 4) != 0 ? files.shortUsb : files.usb;
+    RunUpdate(core, device, usbFile.Path(), kFirmwareUsbHex, updateTransfers);
+    RunUpdate(core, device, files.mcu.Path(), kFirmwareMcuBin, updateTransfers);
     return 0;
 }

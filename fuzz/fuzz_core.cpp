@@ -18,7 +18,14 @@ void Check(bool ok, const char* what) {
 
 void QuietCore(VideoConsoleCore::VideoConsoleCoreImp& core,
                const VideoConsoleCore::SettingsTable& settings) {
-    core.SetDebugOutputHandler([](const char*) {});
+    // KORVSDK_FUZZ_VERBOSE=1 shows the library's messages, for looking into
+    // one input; fuzzing runs silent.
+    static const bool verbose = std::getenv("KORVSDK_FUZZ_VERBOSE") != nullptr;
+    if (verbose) {
+        core.SetDebugOutputHandler([](const char* text) { std::fputs(text, stderr); });
+    } else {
+        core.SetDebugOutputHandler([](const char*) {});
+    }
     core.m_localLogging = false;
     core.m_settings = settings;
     core.m_initialized = true;

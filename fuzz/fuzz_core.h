@@ -13,8 +13,8 @@ namespace fuzz {
 // Stops the run with a message when `ok` is false.
 void Check(bool ok, const char* what);
 
-// Makes `core` initialised with `settings` and silent: no debugger output,
-// no log file.
+// Makes `core` initialised with `settings` and silent: no log file, and
+// debugger output only with KORVSDK_FUZZ_VERBOSE set.
 void QuietCore(VideoConsoleCore::VideoConsoleCoreImp& core,
                const VideoConsoleCore::SettingsTable& settings);
 
