@@ -101,21 +101,6 @@ TEST(McuUpdate, LastPageIsFilledWithErasedBytes) {
     EXPECT_TRUE(std::all_of(memory.begin() + 129, memory.begin() + 256, [](uint8_t b) { return b == 0xFF; }));
 }
 
-TEST(McuUpdate, UsbUpdateRefusedWhileTheMicrocontrollerIsProgrammed) {
-    Rig rig("");
-    ASSERT_TRUE(rig.ok());
-    ASSERT_TRUE(rig.core_.SetFirmwareFile(rig.Write(virtualdev::BuildUsbImage({})).c_str(),
-                                          kFirmwareUsbHex));
-    virtualdev::McuImageOptions image;
-    image.size = 4096;
-    ASSERT_TRUE(rig.core_.SetFirmwareFile(rig.WriteMcu(image).c_str(), kFirmwareMcuBin));
-    ASSERT_TRUE(rig.core_.StartMcuFwUpdate());
-    EXPECT_FALSE(rig.core_.StartUsbFwUpdate());
-    firmware::JoinUpdateThread(rig.core_);
-    EXPECT_EQ(MessageLog::Count("You are already updating!\n"), 1);
-    EXPECT_EQ(g_states.back(), "UpdateCompleted");
-}
-
 // The entry into the bootloader: the microcontroller acknowledges nothing
 // while it restarts (30 ms by default); that is waited out, within the
 // entry's 300 looks.

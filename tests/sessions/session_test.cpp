@@ -113,27 +113,6 @@ TEST_F(ApiSession, TwoDevicesAndTheSecondSelected) {
     EXPECT_EQ(KORVSDK_Get_Device_USBType(), 3);
 }
 
-TEST_F(ApiSession, FlashIdentificationRetriedAfterAFailedExchange) {
-    // The flash-ID request is the first input report the library fetches.
-    Init("Virtual0_FailCall=GetInputReport:1\n");
-    ASSERT_EQ(count_, 1);
-    ASSERT_EQ(KORVSDK_Select_Device(&list_[0]), 1);
-    EXPECT_EQ(MessageLog::Count("restart select device... error time: 1\n"), 1);
-    EXPECT_EQ(MessageLog::All().find("error time: 2"), std::string::npos);
-}
-
-TEST_F(ApiSession, DeviceThatDisappearsAfterSelection) {
-    // Selecting the default device exchanges 58 reports; the device goes
-    // away right after them.
-    Begin("Virtual0_UnplugAfter=58\n");
-    EXPECT_EQ(KORVSDK_Get_HDMI_Info(), 1);
-    EXPECT_EQ(MessageLog::Count("Unknown error: Couldn't execute REPORT_HDMI_INFO function\n"), 1);
-    EXPECT_EQ(LastMessage().rfind("HDMI info: 00 00 00", 0), 0u);
-    EXPECT_EQ(Take(KORVSDK_Get_USB_FW_Ver()), "");
-    EXPECT_EQ(KORVSDK_Check_Is_MCU_OnBoard(), 0);
-    EXPECT_EQ(LastMessage(), "[Check_MCU] 0xA0:false, 0xA1:false, 0xFD:false");
-}
-
 TEST_F(ApiSession, AudioControlsAndStates) {
     Begin("VirtualDeviceCount=1\n");
     uint8_t value = 0;

@@ -530,22 +530,6 @@ TEST_F(KorvtoolUpdate, RefusedFilesSayWhyAndChangeNothing) {
     EXPECT_TRUE(Contains(forced.err, "warning: --force")) << forced.err;
 }
 
-TEST_F(KorvtoolUpdate, AFailureMidwayIsExitOne) {
-    ASSERT_NO_FATAL_FAILURE(Make({"usb", "new.hex"}));
-    // The device goes away after a few hundred transfers of the write.
-    const std::string cfg = Settings(kOneDevice + "FW_Overwrite=0\nVirtual0_UnplugAfter=400\n");
-    const ProcessResult result = Run({"--config", cfg, "--json", "update", "usb", "new.hex"});
-    EXPECT_EQ(result.exitCode, 1);
-    const std::vector<std::string> lines = Lines(result.out);
-    ASSERT_GE(lines.size(), 2u);
-    const json end = json::parse(lines[lines.size() - 2]);
-    EXPECT_EQ(end["state"], "UpdateFailed");
-    const json error = json::parse(lines.back());
-    EXPECT_EQ(error["event"], "error");
-    EXPECT_EQ(error["exit_code"], 1);
-    EXPECT_TRUE(Contains(result.err, "update failed")) << result.err;
-}
-
 // The field's routine on the virtual device, whose user re-plugs it two
 // seconds after an update: a backup and an update confirmed after the
 // re-plug, an MCU update likewise, an update nobody re-plugs, the backup
