@@ -36,7 +36,7 @@ bool FetchReply(VideoConsoleCoreImp& core, const ReportTemplate& report, uint8_t
     bool hidError = false;
     if (!PrepareReportRequest(core, request, report, nullptr)) return false;
     // Clear what an earlier reply left, so a failed read yields zeros.
-    std::fill(core.m_inputBuffer.begin(), core.m_inputBuffer.end(), 0);
+    std::memset(core.m_inputBuffer.data(), 0, core.m_inputBuffer.size());
     const bool ok = ExchangeReport(core, report, request, hidError) && !hidError;
     // Only the bytes of the report itself are taken; a short report leaves
     // the rest of `out` zero.

@@ -53,7 +53,7 @@ bool VideoConsoleCoreImp::ReadUsbFwVersion(bool quiet) {
         DebugOut("Unknown error: Couldn't execute AP_FLASH_BURST_LATER--case 3\n");
         return false;
     }
-    std::fill(m_flashBuffer.begin(), m_flashBuffer.end(), 0);
+    std::memset(m_flashBuffer.data(), 0, m_flashBuffer.size());
     if (!BurstFlashAccess(*this, kFlashOpToMemory, kInfoAreaLength, m_flashBuffer.data(),
                           m_flashBuffer.size(), 0))
         return false;

@@ -133,15 +133,9 @@ bool ImageLongEnough(bool usb) {
 }
 // The file's version text; bytes the file does not reach read as 0.
 std::string ImageVersion(bool usb) {
-    if (ImageLongEnough(usb)) {
-        return usb ? firmware::UsbImageVersionText(g_FileString)
-                   : firmware::McuImageVersionText(g_FileString);
-    }
-    std::vector<uint8_t> padded(usb ? firmware::kUsbImageMinimumSize
-                                    : firmware::kMcuImageMinimumSize, 0);
-    if (g_FileString != nullptr) std::copy(g_FileString, g_FileString + g_dwRead, padded.begin());
-    return usb ? firmware::UsbImageVersionText(padded.data())
-               : firmware::McuImageVersionText(padded.data());
+    const size_t size = g_FileString != nullptr ? g_dwRead : 0;
+    return usb ? firmware::UsbImageVersionText(g_FileString, size)
+               : firmware::McuImageVersionText(g_FileString, size);
 }
 
 }  // namespace

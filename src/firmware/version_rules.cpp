@@ -7,15 +7,26 @@
 
 namespace VideoConsoleCore::firmware {
 
-std::string UsbImageVersionText(const uint8_t* image) {
-    const char* text = reinterpret_cast<const char*>(image + kImageVersionOffset);
-    return std::string(text, strnlen(text, kImageVersionLength));
+namespace {
+
+uint8_t ByteAt(const uint8_t* image, size_t size, size_t offset) {
+    return offset < size ? image[offset] : 0;
 }
 
-std::string McuImageVersionText(const uint8_t* image) {
+}  // namespace
+
+std::string UsbImageVersionText(const uint8_t* image, size_t size) {
+    char text[kImageVersionLength + 1] = {};
+    for (size_t i = 0; i < kImageVersionLength; ++i) {
+        text[i] = static_cast<char>(ByteAt(image, size, kImageVersionOffset + i));
+    }
+    return text;
+}
+
+std::string McuImageVersionText(const uint8_t* image, size_t size) {
     char text[16];
-    std::snprintf(text, sizeof text, "%02hhx.%02hhx.%02x", image[kMcuDeviceTypeOffset],
-                  image[kMcuVersionOffset], static_cast<unsigned>(image[kMcuCodecOffset]));
+    std::snprintf(text, sizeof text, "%02x.%02x.%02x", ByteAt(image, size, kMcuDeviceTypeOffset),
+                  ByteAt(image, size, kMcuVersionOffset), ByteAt(image, size, kMcuCodecOffset));
     return text;
 }
 

@@ -24,11 +24,12 @@ inline constexpr uint32_t kMcuDeviceTypeOffset = 0x801;  // device-type code
 inline constexpr uint32_t kMcuCodecOffset = 0x808;       // audio-codec identity
 inline constexpr size_t kMcuImageMinimumSize = 0x809;
 
-// The version text of a flash image: its 16 characters up to the first zero.
-std::string UsbImageVersionText(const uint8_t* image);
-// The version text of a program image, "tt.vv.cc" in lowercase hex:
-// device type, version number, codec.
-std::string McuImageVersionText(const uint8_t* image);
+// The version text of a flash image of `size` bytes: its 16 characters up
+// to the first zero. Bytes past the end of a short file read as zero.
+std::string UsbImageVersionText(const uint8_t* image, size_t size);
+// The version text of a program image of `size` bytes, "tt.vv.cc" in
+// lowercase hex: device type, version number, codec (zero past the end).
+std::string McuImageVersionText(const uint8_t* image, size_t size);
 
 // A version character's weight: 'A'..'F' (either case) 10..15, '0' up to
 // and including ':' 0..10, anything else its own character code.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <string>
 
@@ -45,7 +46,7 @@ bool ReadFlashIdentification(VideoConsoleCoreImp& core) {
         core.DebugOut(failed);
         return false;
     }
-    std::fill(core.m_inputBuffer.begin(), core.m_inputBuffer.end(), 0);
+    std::memset(core.m_inputBuffer.data(), 0, core.m_inputBuffer.size());
     if (!ExchangeReport(core, templates::kFlashGetId, request, hidError)) {
         // The log line keeps its line break (LogInfo drops one). The HID
         // error check below decides whether this ends the identification.

@@ -39,7 +39,7 @@ uint32_t OutputLength(const VideoConsoleCoreImp& core, ReportKind kind) {
 uint8_t* ClearedBuffer(VideoConsoleCoreImp& core, ReportKind kind) {
     std::vector<uint8_t>& buffer = core.m_reportBuffers[kind];
     Grow(buffer, std::max<size_t>(OutputLength(core, kind), 16));
-    std::fill(buffer.begin(), buffer.end(), 0);
+    std::memset(buffer.data(), 0, buffer.size());
     return buffer.data();
 }
 

@@ -59,6 +59,8 @@ struct UsbImageOptions {
     // identification block fall on the same bytes (an info base of
     // 0x500000), the block is written last and wins.
     std::string slot3Text;
+
+    bool operator==(const UsbImageOptions&) const = default;
 };
 
 // The image: erased (0xFF) but for the fields above and a firmware body

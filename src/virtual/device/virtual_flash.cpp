@@ -2,25 +2,106 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <string>
 
 namespace VideoConsoleCore::virtualdev {
 
+namespace {
+
+using Page = VirtualFlash::Page;
+
+const std::shared_ptr<Page>& ErasedPage() {
+    static const std::shared_ptr<Page> erased = [] {
+        auto page = std::make_shared<Page>();
+        page->fill(0xFF);
+        return page;
+    }();
+    return erased;
+}
+
+// Factory images by their options, as pages (the erased ones shared). A
+// test program makes devices of a few dozen kinds at most; the oldest
+// entry goes when the cache is full (devices keep the pages they use).
+class FactoryImages {
+public:
+    std::vector<std::shared_ptr<Page>> Get(const UsbImageOptions& options) {
+        std::lock_guard lock(mutex_);
+        for (const auto& entry : entries_) {
+            if (entry.options == options) return entry.pages;
+        }
+        const std::vector<uint8_t> image = BuildUsbImage(options);
+        std::vector<std::shared_ptr<Page>> pages((image.size() + Page().size() - 1) / Page().size());
+        for (size_t i = 0; i < pages.size(); ++i) {
+            const size_t at = i * Page().size();
+            const size_t n = std::min(Page().size(), image.size() - at);
+            const auto begin = image.begin() + static_cast<ptrdiff_t>(at);
+            if (n == Page().size() &&
+                std::all_of(begin, begin + static_cast<ptrdiff_t>(n), [](uint8_t b) { return b == 0xFF; })) {
+                pages[i] = ErasedPage();
+            } else {
+                pages[i] = std::make_shared<Page>();
+                pages[i]->fill(0xFF);
+                std::copy(begin, begin + static_cast<ptrdiff_t>(n), pages[i]->begin());
+            }
+        }
+        if (entries_.size() == kEntries) entries_.erase(entries_.begin());
+        entries_.push_back({options, pages});
+        return pages;
+    }
+
+private:
+    static constexpr size_t kEntries = 64;
+    struct Entry {
+        UsbImageOptions options;
+        std::vector<std::shared_ptr<Page>> pages;
+    };
+    std::mutex mutex_;
+    std::vector<Entry> entries_;
+};
+
+FactoryImages& TheFactoryImages() {
+    static FactoryImages images;
+    return images;
+}
+
+}  // namespace
+
 VirtualFlash::VirtualFlash(const FlashGeometry& geometry)
-    : bytes_(static_cast<size_t>(TotalBytes(geometry)), 0xFF),
+    : pages_(static_cast<size_t>((TotalBytes(geometry) + kPageSize - 1) / kPageSize), ErasedPage()),
+      size_(static_cast<uint32_t>(TotalBytes(geometry))),
       sectorSize_(geometry.sectorSize) {}
 
 void VirtualFlash::Read(uint32_t address, uint8_t* out, uint32_t count) const {
-    const uint64_t inside =
-        address < bytes_.size() ? std::min<uint64_t>(count, bytes_.size() - address) : 0;
-    if (inside > 0) std::memcpy(out, bytes_.data() + address, static_cast<size_t>(inside));
+    const uint32_t inside = address < size_ ? std::min(count, size_ - address) : 0;
+    for (uint32_t done = 0; done < inside;) {
+        const uint32_t at = address + done;
+        const uint32_t n = std::min(inside - done, kPageSize - at % kPageSize);
+        std::memcpy(out + done, pages_[at / kPageSize]->data() + at % kPageSize, n);
+        done += n;
+    }
     std::fill(out + inside, out + count, uint8_t{0xFF});
 }
 
+void VirtualFlash::Store(uint32_t address, const uint8_t* data, uint32_t count) {
+    for (uint32_t done = 0; done < count;) {
+        const uint32_t at = address + done;
+        const uint32_t n = std::min(count - done, kPageSize - at % kPageSize);
+        std::shared_ptr<Page>& page = pages_[at / kPageSize];
+        if (page.use_count() != 1) page = std::make_shared<Page>(*page);
+        std::memcpy(page->data() + at % kPageSize, data + done, n);
+        done += n;
+    }
+}
+
 void VirtualFlash::Write(uint32_t address, const uint8_t* data, uint32_t count) {
-    if (address >= bytes_.size() || count == 0) return;
-    const uint32_t n = static_cast<uint32_t>(std::min<uint64_t>(count, bytes_.size() - address));
-    std::memcpy(bytes_.data() + address, data, n);
+    if (address >= size_ || count == 0) return;
+    const uint32_t n = std::min(count, size_ - address);
+    Store(address, data, n);
+    NoteWrite(address, n);
+}
+
+void VirtualFlash::NoteWrite(uint32_t address, uint32_t n) {
     sectorErases_ += (address + n - 1) / sectorSize_ - address / sectorSize_ + 1;
 
     // Coverage of the firmware area by the session writing into it.
@@ -39,7 +120,7 @@ void VirtualFlash::Write(uint32_t address, const uint8_t* data, uint32_t count) 
 }
 
 void VirtualFlash::EraseAll() {
-    std::fill(bytes_.begin(), bytes_.end(), uint8_t{0xFF});
+    std::fill(pages_.begin(), pages_.end(), ErasedPage());
     firmwareStart_ = firmwareEnd_ = 0;
 }
 
@@ -77,8 +158,12 @@ UsbImageOptions FactoryImageOptions(const VirtualDeviceConfig& config, uint32_t 
 void VirtualFlash::WriteFactoryImage(const VirtualDeviceConfig& config) {
     EraseAll();
     BeginWriteSession();
-    const std::vector<uint8_t> image = BuildUsbImage(FactoryImageOptions(config, Size()));
-    Write(0, image.data(), static_cast<uint32_t>(image.size()));
+    const UsbImageOptions options = FactoryImageOptions(config, Size());
+    const std::vector<std::shared_ptr<Page>> image = TheFactoryImages().Get(options);
+    std::copy(image.begin(), image.begin() + static_cast<ptrdiff_t>(std::min(image.size(), pages_.size())),
+              pages_.begin());
+    // The image ends inside its last page: what follows reads erased.
+    if (options.size > 0) NoteWrite(0, options.size);
 }
 
 BootChoice DecideBoot(const VirtualFlash& flash, const std::array<uint8_t, 4>& originalVersion) {

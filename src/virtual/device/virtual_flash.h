@@ -1,6 +1,11 @@
 // The bridge chip's SPI NOR flash and what its boot code finds in it.
 //
-// Storage is the whole part, erased (0xFF) at first. Writes reach it through
+// Storage is the whole part, erased (0xFF) at first, kept as 4 KiB pages
+// that are shared until written: every erased page is one shared page, and
+// a factory image is built once per distinct device and shared by every
+// device made with it, so making a virtual device costs microseconds, not
+// the tens of megabytes a byte array of the part would take to fill.
+// Writes reach it through
 // the bridge, which erases each erase unit it programs into and puts back
 // the bytes of that unit outside the written range: a written byte reads
 // back exactly as sent, whatever was there, and bytes next to it are kept.
@@ -11,6 +16,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "virtual/device/flash_chip_table.h"
@@ -23,7 +29,7 @@ class VirtualFlash {
 public:
     explicit VirtualFlash(const FlashGeometry& geometry);
 
-    uint32_t Size() const { return static_cast<uint32_t>(bytes_.size()); }
+    uint32_t Size() const { return size_; }
     uint32_t SectorSize() const { return sectorSize_; }
 
     // Reads `count` bytes from `address`; bytes past the end read 0xFF.
@@ -54,8 +60,20 @@ public:
     // settings.
     void WriteFactoryImage(const VirtualDeviceConfig& config);
 
+    static constexpr uint32_t kPageSize = 0x1000;
+    using Page = std::array<uint8_t, kPageSize>;
+
 private:
-    std::vector<uint8_t> bytes_;
+    // Copies bytes in, copying a shared page before it is changed.
+    void Store(uint32_t address, const uint8_t* data, uint32_t count);
+    // The bookkeeping of a write of `count` bytes at `address`.
+    void NoteWrite(uint32_t address, uint32_t count);
+
+    // A page is changed in place only when this flash holds the one
+    // reference to it; shared pages (the erased page, the factory image's)
+    // are never written.
+    std::vector<std::shared_ptr<Page>> pages_;
+    uint32_t size_;
     uint32_t sectorSize_;
     uint64_t sectorErases_ = 0;
     uint64_t session_ = 0;
