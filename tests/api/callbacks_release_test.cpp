@@ -37,17 +37,11 @@ char* HeapText(const char* text) {
 
 }  // namespace
 
-TEST(CallbackSlots, ScanListSlotKeepsTheFirstCallback) {
+TEST(CallbackSlots, EachSlotKeepsTheFirstCallback) {
     CheckSlotRules<KORVSDK_ScanDeviceListCallback>(KORVSDK_Open_CB_Scan_DeviceList,
                                                    KORVSDK_Close_CB_Scan_DeviceList, ScanA, ScanB);
-}
-
-TEST(CallbackSlots, DeviceStateSlotKeepsTheFirstCallback) {
     CheckSlotRules<KORVSDK_DeviceStateCallback>(KORVSDK_Open_CB_Device_StateInfo,
                                                 KORVSDK_Close_CB_Device_StateInfo, StateA, StateB);
-}
-
-TEST(CallbackSlots, FirmwareUpdateSlotKeepsTheFirstCallback) {
     CheckSlotRules<KORVSDK_DevFwUpdateStateCallback>(KORVSDK_Open_CB_DevFwUpdate_StateInfo,
                                                      KORVSDK_Close_CB_DevFwUpdate_StateInfo,
                                                      UpdateA, UpdateB);

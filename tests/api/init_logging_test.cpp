@@ -118,13 +118,3 @@ TEST_F(InitTest, SpdlogLevelFromTheEnvironmentIsHonoured) {
     const fs::path log = OnlyLogFile(Here());
     EXPECT_EQ(ReadFile(log).find("starting logger..."), std::string::npos);
 }
-
-TEST_F(InitTest, HostileSettingsFileStillInitialises) {
-    std::string junk("EnableLocalLogging=0\n", 21);
-    junk += std::string("\0\xff\xfe=\x01\x02\n", 8);
-    junk += std::string(200000, 'k') + "=" + std::string(200000, 'v') + "\n";
-    junk += "no equals sign here\n =\n==\nUSB_Burn_Area=banana\nCheck_boot_mode=\n";
-    WriteFile(Here() / "setting.cfg", junk);
-    EXPECT_EQ(KORVSDK_Init("setting.cfg"), 1);
-    EXPECT_TRUE(FilesStartingWith(Here(), "Device_Log_").empty());
-}

@@ -104,24 +104,6 @@ TEST_F(CoreTest, DeviceStateEventCarriesMessageAndValue) {
     EXPECT_EQ(g_seen[1].value, 3u);
 }
 
-TEST_F(CoreTest, GuardsStopAtTheFirstFailure) {
-    EXPECT_FALSE(core_.RequireIdleDevice(VideoConsoleCore::kRefuseMcuInfo));
-    EXPECT_EQ(MessageLog::All(), VideoConsoleCore::kMsgInitFirst);
-
-    core_.m_initialized = true;
-    core_.m_selected = true;
-    core_.m_deviceState = VideoConsoleCore::kDeviceStateUpdating;
-    MessageLog::Clear();
-    EXPECT_FALSE(core_.RequireIdleDevice(VideoConsoleCore::kRefuseMcuInfo));
-    EXPECT_EQ(MessageLog::All(), "Cannot Get MCU Info when you update the firmware!\n");
-    EXPECT_TRUE(core_.IsUpdating());
-
-    // Operations outside the refusal table still run during an update.
-    MessageLog::Clear();
-    EXPECT_TRUE(core_.RequireDevice());
-    EXPECT_TRUE(MessageLog::Texts().empty());
-}
-
 TEST_F(CoreTest, CheckMcuOnBoardClearsTheProbeFlag) {
     core_.m_initialized = true;
     core_.m_selected = true;

@@ -9,26 +9,25 @@ using VideoConsoleCore::ParseDeviceFilter;
 using VideoConsoleCore::SplitInstanceId;
 
 TEST(InstanceId, SplitsVidPidAndSerial) {
-    const FoundDevice device = SplitInstanceId("USB\\VID_FFF0&PID_0A1B\\SN20240001");
-    EXPECT_EQ(device.vid, "FFF0");
-    EXPECT_EQ(device.pid, "0A1B");
-    EXPECT_EQ(device.instance, "SN20240001");
-}
-
-TEST(InstanceId, SerialEndsAtAmpersand) {
-    // A device without a serial gets a generated instance such as 5&1a2b&0&1.
-    EXPECT_EQ(SplitInstanceId("USB\\VID_FFF0&PID_0001\\5&1a2b&0&1").instance, "5");
-}
-
-TEST(InstanceId, MalformedIdsGiveShortOrEmptyParts) {
-    const FoundDevice noAmpersand = SplitInstanceId("USB\\VID_FFF0");
-    EXPECT_EQ(noAmpersand.vid, "FFF0");
-    EXPECT_EQ(noAmpersand.pid, "");
-    EXPECT_EQ(noAmpersand.instance, "");
-    const FoundDevice noSerial = SplitInstanceId("USB\\VID_FFF0&PID_0001");
-    EXPECT_EQ(noSerial.pid, "0001");
-    EXPECT_EQ(noSerial.instance, "");
-    EXPECT_EQ(SplitInstanceId("").vid, "");
+    // A device without a serial gets a generated instance such as 5&1a2b&0&1,
+    // of which the serial keeps what comes before the first ampersand;
+    // malformed IDs give short or empty parts.
+    const struct {
+        const char* id;
+        const char* vid;
+        const char* pid;
+        const char* instance;
+    } rows[] = {{"USB\\VID_FFF0&PID_0A1B\\SN20240001", "FFF0", "0A1B", "SN20240001"},
+                {"USB\\VID_FFF0&PID_0001\\5&1a2b&0&1", "FFF0", "0001", "5"},
+                {"USB\\VID_FFF0&PID_0001", "FFF0", "0001", ""},
+                {"USB\\VID_FFF0", "FFF0", "", ""},
+                {"", "", "", ""}};
+    for (const auto& row : rows) {
+        const FoundDevice device = SplitInstanceId(row.id);
+        EXPECT_EQ(device.vid, row.vid) << row.id;
+        EXPECT_EQ(device.pid, row.pid) << row.id;
+        EXPECT_EQ(device.instance, row.instance) << row.id;
+    }
 }
 
 TEST(DeviceFilter, ReadsFourHexDigitsAfterEachMarker) {

@@ -43,12 +43,6 @@ TEST_F(Select, RefusesBadEntriesWithoutTouchingTheState) {
     EXPECT_FALSE(core_.SelectDevice(nullptr));
     EXPECT_EQ(core_.m_deviceState, kDeviceStateNone);
     EXPECT_FALSE(core_.m_selected);
-
-    // Refused while an update runs.
-    core_.m_deviceState = kDeviceStateUpdating;
-    MessageLog::Clear();
-    EXPECT_FALSE(core_.SelectDevice(&list_[0]));
-    EXPECT_EQ(MessageLog::All(), "Cannot switch device when you update the firmware!\n");
 }
 
 TEST_F(Select, NoMatchingInterfaceFailsAtOnce) {

@@ -1,6 +1,6 @@
 // The stand-in system libraries against what Windows promises callers
 // where the Wine sessions do not look: a device that goes away, and the hub
-// driver's answers to the walk and to malformed queries. Each test
+// driver's answers to the walk. Each test
 // describes the machine in setting.cfg and calls the stand-ins through this
 // program's own imports.
 #include "hid/backend/windows/usb_port_map.h"
@@ -9,9 +9,6 @@
 #include "support/test_support.h"
 
 #include <gtest/gtest.h>
-
-#include <usbioctl.h>
-#include <winioctl.h>
 
 extern "C" {
 #include <hidsdi.h>
@@ -111,68 +108,6 @@ TEST_F(StandIns, WalkFindsEachDeviceOnAPortOfItsLevel) {
     EXPECT_EQ(backend.UsbPortLevel("FFF0", "0C01", "VC00000002"), 2);
     EXPECT_EQ(backend.UsbPortLevel("FFF0", "0C01", "VC00000003"), 3);
     EXPECT_EQ(backend.UsbPortLevel("FFF0", "0C01", "VC00000009"), -1);
-}
-
-TEST_F(StandIns, HubRefusesWhatTheHubDriverRefuses) {
-    Plug("VirtualDeviceCount=1\n");
-    const std::unique_ptr<win::UsbHubIo> io = win::CreateSystemUsbHubIo();
-    const win::UsbPortMap map = win::BuildUsbPortMap(*io);
-    ASSERT_EQ(map.hubs.size(), 1u);
-    HANDLE hub = Open(map.hubs[0].path, GENERIC_WRITE);
-    ASSERT_NE(hub, INVALID_HANDLE_VALUE);
-    DWORD returned = 0;
-
-    std::vector<ULONG> storage(64, 0);
-    auto* connection = reinterpret_cast<USB_NODE_CONNECTION_INFORMATION_EX*>(storage.data());
-    const DWORD bytes = static_cast<DWORD>(storage.size() * sizeof(ULONG));
-    for (const ULONG port : {0ul, 3ul}) {  // the hub has ports 1 and 2
-        connection->ConnectionIndex = port;
-        EXPECT_FALSE(DeviceIoControl(hub, IOCTL_USB_GET_NODE_CONNECTION_INFORMATION_EX, connection,
-                                     bytes, connection, bytes, &returned, nullptr));
-        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER)) << port;
-    }
-    connection->ConnectionIndex = 2;  // the free port
-    ASSERT_TRUE(DeviceIoControl(hub, IOCTL_USB_GET_NODE_CONNECTION_INFORMATION_EX, connection,
-                                bytes, connection, bytes, &returned, nullptr));
-    EXPECT_EQ(connection->ConnectionStatus, NoDeviceConnected);
-    USB_NODE_CONNECTION_DRIVERKEY_NAME key{};
-    key.ConnectionIndex = 2;
-    EXPECT_FALSE(DeviceIoControl(hub, IOCTL_USB_GET_NODE_CONNECTION_DRIVERKEY_NAME, &key,
-                                 sizeof key, &key, sizeof key, &returned, nullptr));
-
-    // The fixed record tells the size of the whole name.
-    key.ConnectionIndex = 1;
-    ASSERT_TRUE(DeviceIoControl(hub, IOCTL_USB_GET_NODE_CONNECTION_DRIVERKEY_NAME, &key, sizeof key,
-                                &key, sizeof key, &returned, nullptr));
-    EXPECT_EQ(returned, sizeof key);
-    EXPECT_GT(key.ActualLength, sizeof key);
-
-    // Only the protocols the caller knows come back; a short record fails.
-    USB_NODE_CONNECTION_INFORMATION_EX_V2 v2{};
-    v2.ConnectionIndex = 1;
-    v2.Length = sizeof v2;
-    v2.SupportedUsbProtocols.ul = 2;  // USB 2 only
-    ASSERT_TRUE(DeviceIoControl(hub, IOCTL_USB_GET_NODE_CONNECTION_INFORMATION_EX_V2, &v2,
-                                sizeof v2, &v2, sizeof v2, &returned, nullptr));
-    EXPECT_EQ(v2.SupportedUsbProtocols.ul, 2ul);
-    v2.Length = sizeof v2 - 1;
-    EXPECT_FALSE(DeviceIoControl(hub, IOCTL_USB_GET_NODE_CONNECTION_INFORMATION_EX_V2, &v2,
-                                 sizeof v2, &v2, sizeof v2, &returned, nullptr));
-    EXPECT_FALSE(DeviceIoControl(hub, IOCTL_USB_GET_HUB_CAPABILITIES_EX, storage.data(), bytes,
-                                 storage.data(), bytes, &returned, nullptr));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_FUNCTION));
-
-    // Handles on anything but a controller or hub are not the stand-in's to answer.
-    const auto hubControl = reinterpret_cast<HubControlFunction>(reinterpret_cast<void (*)()>(
-        GetProcAddress(GetModuleHandleW(L"hid.dll"), "StandIn_HubDeviceIoControl")));
-    ASSERT_NE(hubControl, nullptr);
-    HANDLE device = Open(HidPaths().at(0));
-    EXPECT_EQ(hubControl(device, IOCTL_USB_GET_NODE_INFORMATION, storage.data(), bytes,
-                         storage.data(), bytes, &returned),
-              -1);
-    EXPECT_EQ(hubControl(INVALID_HANDLE_VALUE, IOCTL_USB_GET_NODE_INFORMATION, storage.data(),
-                         bytes, storage.data(), bytes, &returned),
-              -1);
 }
 
 }  // namespace
