@@ -3,7 +3,6 @@
 // process of its own, so each one meets an uninitialised library.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>

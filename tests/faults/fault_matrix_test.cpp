@@ -20,8 +20,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <cstdlib>
-#include <fstream>
-#include <map>
 #include <set>
 #include <sstream>
 #include <string>

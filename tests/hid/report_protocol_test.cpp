@@ -130,14 +130,6 @@ TEST_F(ProtocolTest, IicRequestLargerThanTheReportIsRefused) {
               "AccessIicData: the request does not fit the I2C report; nothing was sent.\n");
 }
 
-// The I2C tunnel's silent failure is the fault matrix's F0 of the audio rows.
-TEST_F(ProtocolTest, HidErrorFailsTheGpioAccessQuietly) {
-    backend->hidDResult = false;
-    uint8_t value = 0;
-    EXPECT_EQ(AccessGpio(core, kGpioSetOp, 1, &value), 0u);
-    EXPECT_TRUE(MessageLog::Texts().empty()) << MessageLog::All();
-}
-
 TEST_F(ProtocolTest, MissingCapabilityNamesTheReport) {
     core.m_inputValueCaps.resize(1);  // no command or IIC input report
     uint8_t value = 0;

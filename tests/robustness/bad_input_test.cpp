@@ -5,11 +5,8 @@
 // callbacks that call back into the library.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <new>
 #include <functional>
 #include <set>
 #include <string>

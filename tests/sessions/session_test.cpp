@@ -198,12 +198,6 @@ TEST_P(ApiAudioChip, FoundOnEveryBoardVariant) {
 
 INSTANTIATE_TEST_SUITE_P(Boards, ApiAudioChip, ::testing::Range(0, 5));
 
-TEST_F(ApiSession, AudioChipCheckWithoutProbe) {
-    Begin("Virtual0_BoardVariant=1\nCheckAudioViaMCUI2C=0\n");
-    EXPECT_EQ(KORVSDK_Check_Is_AudioIC_OnBoard(), 1);
-    EXPECT_EQ(LastMessage(), "[Check_Audio] AudioIC:0x01, MCU:true");
-}
-
 TEST_F(ApiSession, McuInformationOfAnOlderFirmware) {
     // What an older microcontroller firmware answers instead of the EDID.
     std::string edid = "12 34 56 78 ff";

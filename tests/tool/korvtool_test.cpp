@@ -141,8 +141,6 @@ TEST_F(KorvtoolUsage, CommandLineMistakes) {
         {{"--virtual", "update", "usb", "x.hex", "--wait-replug", "soon"}, "--wait-replug SECONDS"},
         {{"--virtual", "update", "usb", "x.hex", "--led-phase", "ending:0x80"}, "updating, succeeded or failed"},
         {{"--virtual", "audio", "set", "bass", "3"}, "there is no audio control 'bass'"},
-        {{"--virtual", "audio", "set", "hp-out-volume", "101"}, "from 0 to 100"},
-        {{"--virtual", "audio", "set", "hp-out-mute", "maybe"}, "on (muted) or off"},
         {{"--config", "nowhere.cfg", "list"}, "'nowhere.cfg' does not exist"},
         {{"list"}, "no setting.cfg in the working folder"},
     };
@@ -443,7 +441,6 @@ TEST_F(KorvtoolQueries, McuInfoShowsRegistersAndEdid) {
     EXPECT_TRUE(Contains(result.out, "Microcontroller registers")) << result.out;
     EXPECT_TRUE(Contains(result.out, "HDMI splitter EDID (TX port 1): valid")) << result.out;
 }
-
 
 // ---- update and make-image ------------------------------------------------
 

@@ -2,8 +2,6 @@
 // string ownership, the text forms and the checked accessors.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "VideoConsoleCore.h"
 
 namespace VideoConsoleCore {

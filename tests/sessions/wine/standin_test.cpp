@@ -15,18 +15,13 @@ extern "C" {
 #include <hidpi.h>
 }
 
-#include <cstddef>
-#include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace {
 
 namespace hid = VideoConsoleCore::hid;
 namespace win = VideoConsoleCore::hid::win;
-
-using HubControlFunction = int(WINAPI*)(HANDLE, DWORD, void*, DWORD, void*, DWORD, DWORD*);
 
 class StandIns : public ::testing::Test {
 protected:
@@ -39,24 +34,21 @@ protected:
         korvsdk_test::WriteFile(folder_.path() / "setting.cfg", keys);
         korvsdk_test::RouteToStandIns(GetModuleHandleW(nullptr));
     }
-    HANDLE Open(const std::wstring& path, DWORD access = 0) {
-        HANDLE handle = CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
+    HANDLE Open(const std::wstring& path) {
+        HANDLE handle = CreateFileW(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                     nullptr, OPEN_EXISTING, 0, nullptr);
         if (handle != INVALID_HANDLE_VALUE) open_.push_back(handle);
         return handle;
     }
-    static std::vector<std::wstring> Paths(const GUID& interfaceClass) {
+    static std::vector<std::wstring> HidPaths() {
+        GUID hidClass;
+        HidD_GetHidGuid(&hidClass);
         std::vector<std::wstring> paths;
-        win::ForEachPresentInterface(interfaceClass, [&](const win::PresentInterface& item) {
+        win::ForEachPresentInterface(hidClass, [&](const win::PresentInterface& item) {
             paths.push_back(item.path);
             return true;
         });
         return paths;
-    }
-    static std::vector<std::wstring> HidPaths() {
-        GUID hidClass;
-        HidD_GetHidGuid(&hidClass);
-        return Paths(hidClass);
     }
 
     korvsdk_test::TempFolder folder_;
