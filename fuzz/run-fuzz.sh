@@ -38,7 +38,7 @@ cmake --build "$build" $build_targets -j "$(nproc)"
 
 # The longest input of a target: a descriptor, a settings file or a
 # firmware check's fields fit in 4 KiB; a run of the reply fuzzer reads a
-# few hundred replies. The reply fuzzer runs a few dozen inputs a second:
+# few hundred replies. The reply fuzzer runs a few hundred inputs a second:
 # it may use long inputs from the start instead of growing them slowly.
 options() {
     case $1 in
