@@ -10,6 +10,7 @@ namespace VideoConsoleCore::virtualdev {
 namespace {
 
 using Page = VirtualFlash::Page;
+constexpr size_t kPage = VirtualFlash::kPageSize;
 
 const std::shared_ptr<Page>& ErasedPage() {
     static const std::shared_ptr<Page> erased = [] {
@@ -31,12 +32,12 @@ public:
             if (entry.options == options) return entry.pages;
         }
         const std::vector<uint8_t> image = BuildUsbImage(options);
-        std::vector<std::shared_ptr<Page>> pages((image.size() + Page().size() - 1) / Page().size());
+        std::vector<std::shared_ptr<Page>> pages((image.size() + kPage - 1) / kPage);
         for (size_t i = 0; i < pages.size(); ++i) {
-            const size_t at = i * Page().size();
-            const size_t n = std::min(Page().size(), image.size() - at);
+            const size_t at = i * kPage;
+            const size_t n = std::min(kPage, image.size() - at);
             const auto begin = image.begin() + static_cast<ptrdiff_t>(at);
-            if (n == Page().size() &&
+            if (n == kPage &&
                 std::all_of(begin, begin + static_cast<ptrdiff_t>(n), [](uint8_t b) { return b == 0xFF; })) {
                 pages[i] = ErasedPage();
             } else {
