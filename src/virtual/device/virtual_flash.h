@@ -5,13 +5,12 @@
 // a factory image is built once per distinct device and shared by every
 // device made with it, so making a virtual device costs microseconds, not
 // the tens of megabytes a byte array of the part would take to fill.
-// Writes reach it through
-// the bridge, which erases each erase unit it programs into and puts back
-// the bytes of that unit outside the written range: a written byte reads
-// back exactly as sent, whatever was there, and bytes next to it are kept.
-// The host therefore never erases explicitly, and a read-modify-write of
-// part of a sector (the 4 KiB configuration block in a 64 KiB sector) does
-// not disturb the rest of the sector.
+// Writes reach it through the bridge, which erases each erase unit it
+// programs into and puts back the bytes of that unit outside the written
+// range: a written byte reads back exactly as sent, whatever was there, and
+// bytes next to it are kept. The host therefore never erases explicitly,
+// and a read-modify-write of part of a sector (the 4 KiB configuration
+// block in a 64 KiB sector) does not disturb the rest of the sector.
 #pragma once
 
 #include <array>
