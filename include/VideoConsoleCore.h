@@ -278,8 +278,10 @@ protected:
 // controller started. Texts: 1 USB file version text, 2 MCU file version
 // text, 3 state ("Updating", "UpdateCompleted", ...), 4 message, 5 USB
 // file path, 6 MCU file path, 7 USB firmware version, 8 MCU firmware
-// version, 9 the device's identification text. The float is the progress in percent; the
-// first trailing byte the flash query result, the second the USB type.
+// version, 9 the device's identification text. Then three bytes around the
+// float: the USB application information (the stream query) before it, which
+// no getter reads; the float is the progress in percent; after it the
+// selected device's model code and its USB type.
 class KORVSDK_API DeviceFirmwareupdateInfo_export {
 public:
     virtual const char* GetUsbFileVersion() = 0;
@@ -292,7 +294,7 @@ public:
     virtual const char* GetMcuFirmwareVersion() = 0;
     virtual const char* GetIdentification() = 0;
     virtual float GetPercent() = 0;
-    virtual uint8_t GetFlashQuery() = 0;
+    virtual uint8_t GetModel() = 0;
     virtual uint8_t GetUsbType() = 0;
 
 protected:

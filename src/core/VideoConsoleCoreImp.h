@@ -26,6 +26,7 @@
 
 #include "KORVSDKDeviceTool.h"
 #include "VideoConsoleCore.h"
+#include "discovery/device_list.h"
 #include "hid/hid_types.h"
 #include "settings/settings_file.h"
 
@@ -176,6 +177,8 @@ public:
     // ---- Device operations, one per export -----------------------------
     // Discovery (discovery/)
     bool ScanDeviceList(DeviceEntry** list, uint16_t* count);
+    // The devices the last successful scan found, in its order.
+    const std::vector<FoundDevice>& LastScan() const { return m_lastScan; }
     bool SelectDevice(DeviceEntry* entry);
     uint8_t GetDeviceUsbType();
     // Versions, information and microcontroller (device/)
@@ -389,8 +392,14 @@ public:
     std::unique_ptr<AudioControl> m_audioCache;
     uint32_t m_lightMode = 0;
     // Set when a light preview is over; the preview's worker then leaves
-    // the light as it is.
+    // the light as it is. Every stop is also counted, so that a worker that
+    // clears the flag as it starts cannot lose a stop that came just before.
     std::atomic<bool> m_previewStopped{false};
+    std::atomic<uint32_t> m_previewStops{0};
+    void StopLightPreview() {
+        m_previewStopped = true;
+        ++m_previewStops;
+    }
     platform::Thread* m_previewThread = nullptr;  // the preview's worker
     // The LED parameter block: 16 entries of effect code, three colour bytes
     // and a parameter, as the class face's light control last set them.
@@ -411,6 +420,7 @@ public:
     uint8_t* m_infoRecord2 = nullptr;
 
 private:
+    std::vector<FoundDevice> m_lastScan;
     std::string m_dumpFolder;
     std::unique_ptr<hid::HidBackend> m_hidBackend;
     std::atomic<KORVSDK_ScanDeviceListCallback> m_scanListCallback{nullptr};

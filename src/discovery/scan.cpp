@@ -85,6 +85,7 @@ bool VideoConsoleCoreImp::ScanDeviceList(DeviceEntry** list, uint16_t* count) {
         FreeDeviceEntries(copy, total);
     }
     if (list != nullptr) *list = AllocateDeviceList(found);
+    m_lastScan = found;
     if (count != nullptr) *count = total;
 
     char summary[96];

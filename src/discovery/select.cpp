@@ -15,6 +15,7 @@
 #include "discovery/device_list.h"
 #include "discovery/hid_search.h"
 #include "firmware/lights.h"
+#include "firmware/update_common.h"
 #include "hid/backend/hid_backend.h"
 #include "hid/call_hid_function.h"
 #include "hid/flash_identification.h"
@@ -60,7 +61,8 @@ void ResetDeviceInformation(VideoConsoleCoreImp& core) {
 }
 
 // Takes over the open interface the search found; an interface opened by an
-// earlier selection is closed first.
+// earlier selection is closed first. The caller holds the exchange lock: no
+// exchange may use the handle, the capabilities or the buffers meanwhile.
 void AdoptInterface(VideoConsoleCoreImp& core, HidSearchResult& found) {
     core.CloseOpenInterface(found.record.handle);
     core.m_hidDevice = found.record;
@@ -138,8 +140,15 @@ bool VideoConsoleCoreImp::SelectDevice(DeviceEntry* entry) {
     }
     if (Hid() == nullptr) return false;
 
-    // The finish lights belong to the device they were started for.
+    // Nothing may talk to the device while its handle, capabilities and
+    // buffers are swapped: the finish lights and a light preview belong to
+    // the device they were started for and end here, and an update's worker
+    // (past its last exchange once the state is back to 2) is waited for.
     firmware::StopLightThreads(*this);
+    StopLightPreview();
+    platform::JoinThread(m_previewThread);
+    m_previewThread = nullptr;
+    firmware::JoinUpdateThread(*this);
     m_deviceState = kDeviceStateSelected;
     const std::string vid = entry->vid;
     const std::string pid = entry->pid;
@@ -167,6 +176,7 @@ bool VideoConsoleCoreImp::SelectDevice(DeviceEntry* entry) {
                 return false;
             }
             LogInfo(std::string(73, '='));
+            std::unique_lock exchange(m_exchangeLock);
             AdoptInterface(*this, found);
             char line[160];
             std::snprintf(line, sizeof line,
@@ -182,6 +192,7 @@ bool VideoConsoleCoreImp::SelectDevice(DeviceEntry* entry) {
             } else {
                 SizeReportBuffers(*this);
             }
+            exchange.unlock();
             platform::SleepMilliseconds(kBeforeIdentificationMs);
             identified = ReadFlashIdentification(*this);
             if (identified) break;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "core/VideoConsoleCoreImp.h"
 #include "platform/platform.h"
@@ -37,6 +38,33 @@ void CloseFirmwareFileKeepingBuffer(VideoConsoleCoreImp& core) {
 void CloseFirmwareFile(VideoConsoleCoreImp& core) {
     CloseFirmwareFileKeepingBuffer(core);
     FreeBuffer();
+}
+
+FirmwareImage& FirmwareImage::operator=(FirmwareImage&& other) noexcept {
+    if (this != &other) {
+        Release();
+        bytes_ = std::exchange(other.bytes_, nullptr);
+        size_ = std::exchange(other.size_, 0);
+        file_ = std::exchange(other.file_, platform::kNoFile);
+    }
+    return *this;
+}
+
+void FirmwareImage::Release() {
+    platform::CloseFile(file_);
+    file_ = platform::kNoFile;
+    std::free(bytes_);
+    bytes_ = nullptr;
+    size_ = 0;
+}
+
+FirmwareImage TakeFirmwareFile(VideoConsoleCoreImp& core) {
+    FirmwareImage image;
+    image.bytes_ = std::exchange(g_FileString, nullptr);
+    image.size_ = std::exchange(g_dwRead, 0);
+    image.file_ = std::exchange(core.m_openFile, platform::kNoFile);
+    g_capacity = 0;
+    return image;
 }
 
 bool ReadFirmwareFile(VideoConsoleCoreImp& core, const std::string& path) {

@@ -3,13 +3,17 @@
 // zero wherever the file did not fill it, and the number of bytes read
 // into it.
 //
-// Only one of the firmware operations uses it at a time: the setters are
-// refused while an update runs, and an update is the only user while it
-// runs.
+// An update does not share it: when the update starts, the file it has just
+// read again moves out of g_FileString into the update's own image
+// (TakeFirmwareFile), and g_FileString is empty again. Whatever reads files
+// while the update runs (the class face's start-up scan, say) reads into a
+// fresh buffer and can neither free nor overwrite the bytes being written.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace VideoConsoleCore {
 
@@ -32,6 +36,35 @@ void CloseFirmwareFile(VideoConsoleCoreImp& core);
 // Closes the open file; g_FileString stays for the next read (a file that
 // was set is read again when its update starts).
 void CloseFirmwareFileKeepingBuffer(VideoConsoleCoreImp& core);
+
+// A firmware file that belongs to one job alone: its bytes (zero beyond
+// `size` up to the allocation's end, as in g_FileString) and the file, open
+// for reading, which the job holds until it ends. Freed and closed when the
+// image goes or is released.
+class FirmwareImage {
+public:
+    FirmwareImage() = default;
+    ~FirmwareImage() { Release(); }
+    FirmwareImage(FirmwareImage&& other) noexcept { *this = std::move(other); }
+    FirmwareImage& operator=(FirmwareImage&& other) noexcept;
+    FirmwareImage(const FirmwareImage&) = delete;
+    FirmwareImage& operator=(const FirmwareImage&) = delete;
+
+    uint8_t* Bytes() const { return bytes_; }
+    uint32_t Size() const { return size_; }
+    // Closes the file and frees the bytes.
+    void Release();
+
+private:
+    friend FirmwareImage TakeFirmwareFile(VideoConsoleCoreImp& core);
+    uint8_t* bytes_ = nullptr;
+    uint32_t size_ = 0;
+    intptr_t file_ = -1;
+};
+
+// Moves the file last read (g_FileString, g_dwRead and the open file) into
+// an image of its own; g_FileString is empty and no file is open afterwards.
+FirmwareImage TakeFirmwareFile(VideoConsoleCoreImp& core);
 
 }  // namespace firmware
 }  // namespace VideoConsoleCore

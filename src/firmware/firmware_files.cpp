@@ -219,15 +219,51 @@ bool VideoConsoleCoreImp::GetFirmwareFileVersion(std::string& text, FirmwareKind
     return false;
 }
 
+namespace {
+
+// Why the start-up scan must not arm the file in g_FileString for the
+// selected device; "" when its identity fits (force mode takes anything).
+// The scan checks no version: an older image of the right device is armed.
+std::string ScanRefusal(VideoConsoleCoreImp& core, bool usb, const std::string& version) {
+    const std::string overwrite = core.Setting("FW_Overwrite");
+    if (overwrite == "99") return "";
+    if (!core.m_selected) return "no device is selected to check it against";
+    char text[160] = "";
+    if (usb) {
+        const uint16_t vid = Le16(g_FileString + firmware::kImageVidOffset);
+        const uint16_t pid = Le16(g_FileString + firmware::kImagePidOffset);
+        if (vid == core.m_selectedVid && pid == core.m_selectedPid) return "";
+        std::snprintf(text, sizeof text,
+                      "it is a flash image for VID 0x%04X PID 0x%04X, the device is 0x%04X 0x%04X",
+                      vid, pid, core.m_selectedVid, core.m_selectedPid);
+        return text;
+    }
+    const McuIdentity identity =
+        firmware::CheckMcuIdentity(core.m_mcuFwVersion, version, core.m_deviceModel);
+    if (identity == McuIdentity::Match || (identity == McuIdentity::CodecDiffers && overwrite == "2"))
+        return "";
+    std::snprintf(text, sizeof text, "program image %s is for another %s than this board's",
+                  version.c_str(), identity == McuIdentity::Wrong ? "device type" : "audio codec");
+    return text;
+}
+
+}  // namespace
+
 void VideoConsoleCoreImp::ScanWorkingFolderForFirmware() {
     for (const bool usb : {true, false}) {
         const std::string file = platform::FirstFileWithExtension(usb ? ".hex" : ".bin");
         bool taken = false;
         if (!file.empty() && firmware::ReadFirmwareFile(*this, file) && ImageLongEnough(usb)) {
+            const std::string version = ImageVersion(usb);
             (usb ? m_usbFilePath : m_mcuFilePath) = file;
-            (usb ? m_usbFileVersion : m_mcuFileVersion) = ImageVersion(usb);
+            (usb ? m_usbFileVersion : m_mcuFileVersion) = version;
             (usb ? m_usbFileFingerprint : m_mcuFileFingerprint) = firmware::FileFingerprint();
-            taken = true;
+            // A stray image of another model in the folder must never be
+            // written by a later tool-core update start: only a file whose
+            // identity fits the selected device is armed.
+            const std::string refusal = ScanRefusal(*this, usb, version);
+            taken = refusal.empty();
+            if (!taken) Report("Not taking " + file + " for an update: " + refusal + ".\n");
         }
         firmware::CloseFirmwareFile(*this);
         (usb ? m_usbFileValid : m_mcuFileValid) = taken ? 1 : 0;

@@ -125,7 +125,6 @@ bool ReadLedPattern(VideoConsoleCoreImp& core, uint8_t& pattern) {
 }
 
 void BlinkStep(VideoConsoleCoreImp& core) {
-    if (!HasGpioLed(core.m_deviceModel)) return;
     const auto now = std::chrono::steady_clock::now();
     const uint16_t period = core.m_ledPeriod[kPhaseUpdating];
     if (period == 0) {

@@ -29,7 +29,8 @@ bool ReadLedPattern(VideoConsoleCoreImp& core, uint8_t& pattern);
 // One step of the updating blink, for the loops of the updaters: with a
 // period, toggles between the updating pattern and dark whenever the period
 // has passed since the last toggle; without one, writes the pattern once
-// per update. Boards without a GPIO LED are left alone.
+// per update. It asks no model: a board without the GPIO LED leaves the
+// write unanswered or takes it as a no-op, and the update goes on.
 void BlinkStep(VideoConsoleCoreImp& core);
 
 // Programs the RGB light with the colour and mode of `phase`: 500 ms, then

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "core/VideoConsoleCoreImp.h"
@@ -92,14 +93,15 @@ void StageToggle(VideoConsoleCoreImp& core, bool ignorePeriod) {
 
 class McuProgrammer {
 public:
-    explicit McuProgrammer(VideoConsoleCoreImp& core) : core_(core) {}
+    McuProgrammer(VideoConsoleCoreImp& core, const firmware::FirmwareImage& image)
+        : core_(core), image_(image.Bytes()), imageSize_(image.Size()) {}
 
     bool Run() {
-        if (g_dwRead == 0 || g_dwRead > kMaxImageSize || g_FileString == nullptr) {
+        if (imageSize_ == 0 || imageSize_ > kMaxImageSize || image_ == nullptr) {
             core_.DebugOut("File is null or too big!\n");
             return false;
         }
-        pages_ = (g_dwRead + kPageSize - 1) / kPageSize;
+        pages_ = (imageSize_ + kPageSize - 1) / kPageSize;
 
         core_.DebugOut("Start boot mode!\n");
         UpdateWait(core_, kStepMs);
@@ -111,7 +113,7 @@ public:
         StageToggle(core_, false);
         core_.Report("Start erase mode!\n");
         UpdateWait(core_, kStepMs);
-        if (!Step(Command(kErase, kProgramBase, static_cast<uint16_t>(pages_), nullptr)))
+        if (!Step(Command(kErase, kProgramBase, static_cast<uint16_t>(pages_), nullptr), true))
             return Fail("MCU Error:Erase Fail!", "Erase Fail!\n", "Erase Fail!");
 
         core_.m_updateRunning = true;
@@ -124,7 +126,7 @@ public:
 
         core_.LogInfo("Start Program Data!");
         core_.Report("MCU firmware is updating..\n");
-        if (!Pages(kProgram, "MCU firmware is updating..", true))
+        if (!Pages(kProgram, "MCU firmware is updating.."))
             return Fail("MCU Error:Program Fail!", "Program Fail!\n", "Program Fail!");
 
         UpdateWait(core_, kStepMs);
@@ -138,7 +140,7 @@ public:
 
         core_.DebugOut("MCU firmware is verify..\n");
         core_.LogInfo("MCU firmware is verifying..");
-        if (!Pages(kVerify, "MCU firmware is verifying..", false))
+        if (!Pages(kVerify, "MCU firmware is verifying.."))
             return Fail("MCU Error:Verify Fail!", "Verify Fail!\n", "Verify Fail!");
         return true;
     }
@@ -152,11 +154,13 @@ private:
         return false;
     }
 
-    // A command and the wait for the bootloader to finish it.
-    bool Step(const Frame& frame) {
+    // A command and the wait for the bootloader to finish it; the erase, the
+    // step that fails first on a bootloader that stays busy, says so in the
+    // log.
+    bool Step(const Frame& frame, bool logBusyFailure = false) {
         if (!Send(core_, frame)) return false;
         if (WaitBusy()) return true;
-        core_.LogInfo("M0_WaitBusy failed.");
+        if (logBusyFailure) core_.LogInfo("M0_WaitBusy failed.");
         return false;
     }
 
@@ -173,18 +177,19 @@ private:
         return false;
     }
 
-    // Every page with `command`, the last one filled up with 0xFF.
-    bool Pages(uint8_t command, const char* message, bool blink) {
+    // Every page with `command`, the last one filled up with 0xFF; the
+    // updating light blinks on in both loops.
+    bool Pages(uint8_t command, const char* message) {
         firmware::ProgressReporter progress(core_, message, true);
         uint32_t address = kProgramBase;
         for (uint32_t page = 0; page < pages_; ++page) {
             uint8_t data[kPageSize];
             const uint32_t at = page * kPageSize;
-            const uint32_t n = std::min(kPageSize, g_dwRead - at);
+            const uint32_t n = std::min(kPageSize, imageSize_ - at);
             std::memset(data, 0xFF, sizeof data);
-            std::memcpy(data, g_FileString + at, n);
+            std::memcpy(data, image_ + at, n);
             if (!Step(Command(command, address, 1, data))) return false;
-            if (blink) firmware::BlinkStep(core_);
+            firmware::BlinkStep(core_);
             address += kPageSize;
             UpdateWait(core_, kPageMs);
             progress.Report(page + 1, pages_, "%.1f");
@@ -193,15 +198,18 @@ private:
     }
 
     VideoConsoleCoreImp& core_;
+    const uint8_t* const image_;  // the update's own copy of the file
+    const uint32_t imageSize_;
     uint32_t pages_ = 0;
 };
 
 uint32_t RunMcuProgrammer(void* argument) {
-    VideoConsoleCoreImp& core = *static_cast<VideoConsoleCoreImp*>(argument);
+    const std::unique_ptr<firmware::UpdateJob> job(static_cast<firmware::UpdateJob*>(argument));
+    VideoConsoleCoreImp& core = job->core;
     core.m_writeFlag = true;
-    const bool ok = McuProgrammer(core).Run();
+    const bool ok = McuProgrammer(core, job->image).Run();
 
-    firmware::CloseFirmwareFile(core);
+    job->image.Release();
     core.m_updateRunning = false;
     core.m_updateFinished = true;
     const std::string configured = core.Setting(ok ? "msg_update_pass" : "msg_mcu_update_fail");
@@ -225,7 +233,11 @@ uint32_t RunMcuProgrammer(void* argument) {
 }  // namespace
 
 bool VideoConsoleCoreImp::BeginMcuUpdate(bool toolCore) {
-    const auto fail = [&](const char* text) { return firmware::FailStart(*this, toolCore, text); };
+    // The microcontroller's start says why it failed before it gives the
+    // device back.
+    const auto fail = [&](const char* text) {
+        return firmware::FailStart(*this, toolCore, text, firmware::FailOrder::kTextFirst);
+    };
     firmware::EndFinishLights(*this);
     m_updateRunning = false;
     if (!toolCore) {
@@ -237,13 +249,15 @@ bool VideoConsoleCoreImp::BeginMcuUpdate(bool toolCore) {
     if (!read) return fail("MCU Firmware read failed");
     if (!firmware::SameFileAsAccepted(*this, kFirmwareMcuBin))
         return fail("The selected file has changed since it was set; please set it again.\n");
+    // The blink keeps its counter, written-once mark and last toggle from
+    // before: the light goes on from where it was.
     m_mcuUpdateStarted = true;
-    m_toggleCounter = 0;
-    m_patternWrittenOnce = 0;
-    m_lastToggle = std::chrono::steady_clock::now();
 
     DebugOut("Start write data to flash.\n");
-    if (!firmware::StartUpdateThread(*this, RunMcuProgrammer)) return fail("MCU Firmware read failed");
+    auto job = std::make_unique<firmware::UpdateJob>(
+        firmware::UpdateJob{*this, firmware::TakeFirmwareFile(*this)});
+    if (!firmware::StartUpdateThread(*this, RunMcuProgrammer, std::move(job)))
+        return fail("MCU Firmware read failed");
     m_mcuFileValid = 0;
     return true;
 }

@@ -27,10 +27,11 @@ bool PassStartGuards(VideoConsoleCoreImp& core, const std::atomic<uint8_t>& file
     return true;
 }
 
-bool FailStart(VideoConsoleCoreImp& core, bool toolCore, const char* text) {
+bool FailStart(VideoConsoleCoreImp& core, bool toolCore, const char* text, FailOrder order) {
+    if (order == FailOrder::kTextFirst) core.DebugOut(text);
     core.m_deviceState = kDeviceStateSelected;
     if (!toolCore) core.NotifyFwUpdateState(nullptr, nullptr, "UpdateFailed", nullptr);
-    core.DebugOut(text);
+    if (order == FailOrder::kStateFirst) core.DebugOut(text);
     CloseFirmwareFile(core);
     return false;
 }
@@ -65,10 +66,13 @@ bool SameFileAsAccepted(const VideoConsoleCoreImp& core, FirmwareKind kind) {
     return FileFingerprint() == accepted;
 }
 
-bool StartUpdateThread(VideoConsoleCoreImp& core, platform::ThreadEntry entry) {
+bool StartUpdateThread(VideoConsoleCoreImp& core, platform::ThreadEntry entry,
+                       std::unique_ptr<UpdateJob> job) {
     JoinUpdateThread(core);
-    core.m_updateThread = platform::StartThread(entry, &core);
-    return core.m_updateThread != nullptr;
+    core.m_updateThread = platform::StartThread(entry, job.get());
+    if (core.m_updateThread == nullptr) return false;
+    job.release();  // the worker's now
+    return true;
 }
 
 void JoinUpdateThread(VideoConsoleCoreImp& core) {

@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 
+#include "firmware/firmware_file.h"
 #include "platform/platform.h"
 
 namespace VideoConsoleCore {
@@ -26,8 +28,11 @@ bool PassStartGuards(VideoConsoleCoreImp& core, const std::atomic<uint8_t>& file
 
 // A start that fails before its worker runs: state 2 again, the file
 // closed, "UpdateFailed" to the callback (not for the tool core), the text
-// to the debugger output. Returns false.
-bool FailStart(VideoConsoleCoreImp& core, bool toolCore, const char* text);
+// to the debugger output, in the order given (the USB start gives the
+// device back first, the microcontroller's says why first). Returns false.
+enum class FailOrder { kStateFirst, kTextFirst };
+bool FailStart(VideoConsoleCoreImp& core, bool toolCore, const char* text,
+               FailOrder order = FailOrder::kStateFirst);
 
 // A fingerprint of the file in g_FileString (its length and an FNV-1a hash
 // of its bytes), taken when a file is accepted and compared at the start.
@@ -35,9 +40,18 @@ uint64_t FileFingerprint();
 // Whether the file just read again is the one that was accepted.
 bool SameFileAsAccepted(const VideoConsoleCoreImp& core, FirmwareKind kind);
 
-// Starts the update's worker with the core as its argument; a worker that
-// ran before is waited for first. False when no thread could be started.
-bool StartUpdateThread(VideoConsoleCoreImp& core, platform::ThreadEntry entry);
+// What an update's worker is given: the core, and the image it writes,
+// which is the worker's alone from the start to the end of the update.
+struct UpdateJob {
+    VideoConsoleCoreImp& core;
+    FirmwareImage image;
+};
+
+// Starts the update's worker with the job as its argument (the worker
+// deletes it); a worker that ran before is waited for first. False when no
+// thread could be started; the job is deleted then.
+bool StartUpdateThread(VideoConsoleCoreImp& core, platform::ThreadEntry entry,
+                       std::unique_ptr<UpdateJob> job);
 // Waits until the update's worker has ended (nothing when none runs).
 void JoinUpdateThread(VideoConsoleCoreImp& core);
 // The worker's last steps: device state 2, then the exit texts (`exit0`

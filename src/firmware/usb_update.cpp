@@ -10,6 +10,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "core/VideoConsoleCoreImp.h"
@@ -72,7 +73,8 @@ uint32_t Be32(const uint8_t* at) {
 // The writer's state for one update.
 class UsbWriter {
 public:
-    explicit UsbWriter(VideoConsoleCoreImp& core) : core_(core) {}
+    UsbWriter(VideoConsoleCoreImp& core, const firmware::FirmwareImage& image)
+        : core_(core), image_(image.Bytes()), imageSize_(image.Size()) {}
 
     bool Run() {
         core_.m_flashBusy = true;
@@ -143,14 +145,14 @@ private:
     }
 
     bool FitsFile(uint32_t start, uint64_t length) const {
-        return uint64_t{start} + length <= g_dwRead;
+        return uint64_t{start} + length <= imageSize_;
     }
 
     bool WriteMainImage() {
         const bool firmwareArea = !core_.m_doAreaEntire;
         uint8_t burstCase = kCaseWhole;
         uint32_t start = 0;
-        uint32_t length = g_dwRead;
+        uint32_t length = imageSize_;
         if (firmwareArea) {
             burstCase = kCaseFirmware;
             start = kAreas[kFirmwareArea].start;
@@ -158,8 +160,8 @@ private:
                 core_.Report("FlashWrite -- The file holds no firmware header.\n");
                 return false;
             }
-            const uint32_t header = Be32(g_FileString + kHeaderLengthAt);
-            const uint32_t boot = Be32(g_FileString + kBootSizeAt);
+            const uint32_t header = Be32(image_ + kHeaderLengthAt);
+            const uint32_t boot = Be32(image_ + kBootSizeAt);
             const uint64_t sum = uint64_t{header} + boot;
             core_.DebugOut(Printf("FlashWrite -- Header_len - 0x%x\n", header));
             core_.DebugOut(Printf("FlashWrite -- Boot_Size - 0x%x\n", boot));
@@ -192,8 +194,8 @@ private:
                                FitsFile(kConfigBlock, 4);
         uint8_t imageWord[4] = {};
         if (holdValid) {
-            std::memcpy(imageWord, g_FileString + kConfigBlock, 4);
-            std::memset(g_FileString + kConfigBlock, 0, 4);
+            std::memcpy(imageWord, image_ + kConfigBlock, 4);
+            std::memset(image_ + kConfigBlock, 0, 4);
         }
 
         const uint32_t address = burstCase == kCaseWhole ? 0 : kAreas[kFirmwareArea].start;
@@ -210,7 +212,7 @@ private:
         }
         if (firmwareArea && !SetConfigWord(1)) return false;
         if (holdValid) {
-            std::memcpy(g_FileString + kConfigBlock, imageWord, 4);
+            std::memcpy(image_ + kConfigBlock, imageWord, 4);
             uint32_t word = 0;
             for (int i = 3; i >= 0; --i) word = (word << 8) | imageWord[i];
             if (!SetConfigWord(word)) return false;
@@ -229,7 +231,7 @@ private:
         if (!FitsFile(at, 128)) return;
         uint8_t slot[128] = {34, 3};
         for (int i = 0; i < 16; ++i) slot[2 + 2 * i] = slot3Text_[i];
-        std::memcpy(g_FileString + at, slot, sizeof slot);
+        std::memcpy(image_ + at, slot, sizeof slot);
     }
 
     bool WriteOtherAreas() {
@@ -262,10 +264,14 @@ private:
             firmware::BlinkStep(core_);
             if (!core_.m_progressSilenced) progress.Report(done, total, nullptr);
         };
-        return BurstFlashAccess(core_, operation, length, g_FileString, g_dwRead, start, step) != 0;
+        return BurstFlashAccess(core_, operation, length, image_, imageSize_, start, step) != 0;
     }
 
     VideoConsoleCoreImp& core_;
+    // The update's own copy of the file: the slot-3 patch and the held-back
+    // boot word change it, nothing outside the writer sees it.
+    uint8_t* const image_;
+    const uint32_t imageSize_;
     uint8_t configBlock_[kConfigBlockSize] = {};
     uint8_t slot3Length_ = 0;
     uint8_t slot3Type_ = 0;
@@ -274,10 +280,11 @@ private:
 };
 
 uint32_t RunUsbWriter(void* argument) {
-    VideoConsoleCoreImp& core = *static_cast<VideoConsoleCoreImp*>(argument);
-    const bool ok = UsbWriter(core).Run();
+    const std::unique_ptr<firmware::UpdateJob> job(static_cast<firmware::UpdateJob*>(argument));
+    VideoConsoleCoreImp& core = job->core;
+    const bool ok = UsbWriter(core, job->image).Run();
 
-    firmware::CloseFirmwareFile(core);
+    job->image.Release();
     core.m_progressSilenced = true;
     core.m_progressSilenced = false;
     UpdateWait(core, kEndSettleMs);
@@ -341,7 +348,12 @@ bool VideoConsoleCoreImp::BeginUsbUpdate(bool toolCore) {
     if (m_flashDeviceId == 0xFFFF) return fail("Please execute Get ID function !");
 
     DebugOut("Start write data to flash.\n");
-    if (!firmware::StartUpdateThread(*this, RunUsbWriter)) return fail("USB Firmware read failed");
+    // From here on the image is the writer's: nothing else can free, replace
+    // or read into it until the update has ended.
+    auto job = std::make_unique<firmware::UpdateJob>(
+        firmware::UpdateJob{*this, firmware::TakeFirmwareFile(*this)});
+    if (!firmware::StartUpdateThread(*this, RunUsbWriter, std::move(job)))
+        return fail("USB Firmware read failed");
     m_usbFileValid = 0;
     return true;
 }

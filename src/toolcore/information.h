@@ -63,19 +63,22 @@ public:
     const char* GetMcuFirmwareVersion() override { return texts_[kMcuFirmwareVersion].c_str(); }
     const char* GetIdentification() override { return texts_[kIdentification].c_str(); }
     float GetPercent() override { return percent_; }
-    uint8_t GetFlashQuery() override { return flashQuery_; }
+    uint8_t GetModel() override { return model_; }
     uint8_t GetUsbType() override { return usbType_; }
 
     void SetText(Text which, const char* text) { texts_[which] = text != nullptr ? text : ""; }
     void SetText(Text which, const std::string& text) { texts_[which] = text; }
     void SetPercent(float percent) { percent_ = percent; }
     void SetFlashQuery(uint8_t value) { flashQuery_ = value; }
+    void SetModel(uint8_t value) { model_ = value; }
     void SetUsbType(uint8_t value) { usbType_ = value; }
 
 private:
+    // Nine texts, a byte, the float and two bytes, in this order.
     std::string texts_[kTextCount];
-    uint8_t flashQuery_ = 0;
+    uint8_t flashQuery_ = 0;  // the stream query's answer; kept, not handed out
     float percent_ = 0.0f;
+    uint8_t model_ = 0;
     uint8_t usbType_ = 0;
 };
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "core/VideoConsoleCoreImp.h"
@@ -43,6 +44,8 @@ uint32_t MarkRunning(void* controllerState) {
 
 ToolCoreControllerImp::~ToolCoreControllerImp() {
     platform::JoinThread(startThread_);
+    // A controller that goes ends its preview rather than wait it out.
+    if (core_ != nullptr) core_->StopLightPreview();
     destroyStopPreviewThread();
 }
 
@@ -171,7 +174,12 @@ bool ToolCoreControllerImp::parseLightControl(void* argument) {
         return true;
     }
     if (c.selector == 0) return core.SetGpioLed(c.effect);  // a GPIO LED pattern
-    if (c.selector == 1) return firmware::SaveLedParameters(core, core.m_ledParameters);
+    if (c.selector == 1) {
+        // Saved: the effect being previewed is the one the tool wants; the
+        // preview's worker leaves it on.
+        core.StopLightPreview();
+        return firmware::SaveLedParameters(core, core.m_ledParameters);
+    }
 
     core.m_lightMode = c.selector;
     bool colourFirst = true;
@@ -184,41 +192,54 @@ bool ToolCoreControllerImp::parseLightControl(void* argument) {
     entry[2] = c.second;
     entry[3] = c.third;
     entry[4] = c.parameter;
-    // A new effect is a new preview: the old preview's worker ends, a new
-    // one switches the light back if nobody stops the preview in time.
+    // A new effect is a new preview: the old preview's worker is waited
+    // for (it ends the old preview unless it was stopped), then a new one
+    // ends this one unless it is stopped in time.
     destroyStopPreviewThread();
     platform::SleepMilliseconds(100);
     runStopPreviewThread();
     return false;
 }
 
+namespace {
+// What a preview's worker is given: the core, and the number of stops
+// asked for when it was started.
+struct PreviewJob {
+    VideoConsoleCoreImp* core;
+    uint32_t stopsAtStart;
+};
+}  // namespace
+
 // The worker's handle is the core's, so that the core, when it goes, ends
 // the worker even if the controller was never deleted.
-// The preview-stopped flag is cleared here, before the worker exists: a
-// worker that cleared it itself could miss a stop that came before it ran
-// and wait out its whole 4.5 s.
 void ToolCoreControllerImp::runStopPreviewThread() {
-    core_->m_previewStopped = false;
-    core_->m_previewThread = platform::StartThread(stopPreview, core_);
+    auto* job = new PreviewJob{core_, core_->m_previewStops.load()};
+    core_->m_previewThread = platform::StartThread(stopPreview, job);
+    if (core_->m_previewThread == nullptr) delete job;
 }
 
 void ToolCoreControllerImp::destroyStopPreviewThread() {
     if (core_ == nullptr || core_->m_previewThread == nullptr) return;
-    core_->m_previewStopped = true;  // the old preview is over
     platform::JoinThread(core_->m_previewThread);
     core_->m_previewThread = nullptr;
 }
 
+// The worker clears the preview-stopped flag as it starts. A stop asked
+// for between the worker's start and that clear would be lost with the
+// flag alone; every stop also counts in m_previewStops, and a count that
+// moved since the start is a stop as well.
 uint32_t ToolCoreControllerImp::stopPreview(void* argument) {
-    VideoConsoleCoreImp& core = *static_cast<VideoConsoleCoreImp*>(argument);
+    const std::unique_ptr<PreviewJob> job(static_cast<PreviewJob*>(argument));
+    VideoConsoleCoreImp& core = *job->core;
+    core.m_previewStopped = false;
     for (int poll = 0; poll < kStopPreviewPolls; ++poll) {
         platform::SleepMilliseconds(kStopPreviewPollMs);
-        if (core.m_previewStopped || core.m_stopping) return 0;
+        if (core.m_previewStopped || core.m_previewStops != job->stopsAtStart || core.m_stopping)
+            return 0;
     }
-    if (firmware::SetRgbEffect(core, kPreviewOffEffect)) {
-        platform::SleepMilliseconds(500);
-        firmware::SetRgbEffect(core, kPreviewEndEffect);
-    }
+    const bool off = firmware::SetRgbEffect(core, kPreviewOffEffect);
+    platform::SleepMilliseconds(500);
+    if (off) firmware::SetRgbEffect(core, kPreviewEndEffect);
     return 0;
 }
 
@@ -237,7 +258,9 @@ bool ToolCoreControllerImp::parseFirmwareUpdate(void* argument) {
         cb_GetFirmwareInfo();
         return true;
     }
-    if (c.start == 0 || core.IsUpdating()) return false;
+    // Without the query flag the chosen target's update starts, unless one
+    // runs or no file of that kind is armed.
+    if (core.IsUpdating()) return false;
     if (c.target == 0) return core.m_usbFileValid != 0 && core.StartUsbFwUpdateForToolCore();
     return core.m_mcuFileValid != 0 && core.StartMcuFwUpdateForToolCore();
 }
@@ -260,6 +283,7 @@ void ToolCoreControllerImp::cb_GetFirmwareInfo() {
     if (core.GetMcuFwVersion(text)) info.SetText(Info::kMcuFirmwareVersion, text);
     info.SetUsbType(core.GetDeviceUsbType());
     info.SetFlashQuery(core.GetUsbAppInfo());
+    info.SetModel(core.m_deviceModel);
     info.SetText(Info::kIdentification, core.m_deviceSerialText);
     if (ToolCoreCallback callback = core.m_firmwareUpdateInfoCallback) callback(&info);
 }
@@ -267,20 +291,29 @@ void ToolCoreControllerImp::cb_GetFirmwareInfo() {
 std::string ToolCoreControllerImp::readFirmwareUpdate() {
     if (core_ == nullptr) return std::string();
     core_->ScanWorkingFolderForFirmware();
-    if (core_->m_usbFileValid != 0 && !core_->m_usbFileVersion.empty())
-        return core_->m_usbFileVersion;
-    if (core_->m_mcuFileValid != 0 && !core_->m_mcuFileVersion.empty())
-        return core_->m_mcuFileVersion;
-    return std::string();
+    // The version texts the core holds, armed or not.
+    if (!core_->m_usbFileVersion.empty()) return core_->m_usbFileVersion;
+    return core_->m_mcuFileVersion;
 }
 
 int ToolCoreControllerImp::updateFirmwareUpdate() {
-    if (core_ == nullptr) return -1;
+    if (core_ == nullptr) return 1;  // nothing to start
     try {
+        // The tool core's start has no guards of its own; a second update
+        // beside a running one is refused here.
+        if (core_->IsUpdating()) {
+            core_->Report("An update is running; updateFirmwareUpdate starts no second one.\n");
+            return 1;
+        }
         core_->ScanWorkingFolderForFirmware();
-        if (core_->m_usbFileValid != 0) return core_->StartUsbFwUpdateForToolCore() ? 1 : -1;
-        if (core_->m_mcuFileValid != 0) return core_->StartMcuFwUpdateForToolCore() ? 1 : -1;
-        return -1;
+        // The microcontroller's image first: a folder with both kinds
+        // updates the microcontroller, and the bridge with the next call.
+        if (core_->m_mcuFileValid != 0) {
+            core_->StartMcuFwUpdateForToolCore();
+        } else if (core_->m_usbFileValid != 0) {
+            core_->StartUsbFwUpdateForToolCore();
+        }
+        return 1;
     } catch (const std::exception&) {
         return -1;
     }
@@ -299,25 +332,19 @@ bool ToolCoreControllerImp::parseDiagnostic(void* argument) {
 bool ToolCoreControllerImp::parseSelectDevice(void* argument) {
     if (argument == nullptr) return false;
     const DeviceIdentity& wanted = *static_cast<const DeviceIdentity*>(argument);
-    DeviceEntry* list = nullptr;
-    uint16_t count = 0;
-    bool selected = false;
-    bool found = false;
-    if (core_->ScanDeviceList(&list, &count)) {
-        for (uint16_t i = 0; i < count && !found; ++i) {
-            if (SameHexText(wanted.vid, list[i].vid) && SameHexText(wanted.pid, list[i].pid) &&
-                wanted.instance == (list[i].instance != nullptr ? list[i].instance : "")) {
-                found = true;
-                selected = core_->SelectDevice(&list[i]);
-            }
+    // The devices of the last scan; no new scan is made.
+    for (const FoundDevice& device : core_->LastScan()) {
+        if (SameHexText(wanted.vid, device.vid.c_str()) &&
+            SameHexText(wanted.pid, device.pid.c_str()) && wanted.instance == device.instance) {
+            DeviceEntry* entry = AllocateDeviceList({device});
+            const bool selected = entry != nullptr && core_->SelectDevice(entry);
+            FreeDeviceEntries(entry, entry != nullptr ? 1 : 0);
+            return selected;
         }
     }
-    FreeDeviceEntries(list, count);
-    if (!found) {
-        std::fputs("error !! not find device\n", stdout);
-        std::fflush(stdout);
-    }
-    return selected;
+    std::fputs("error !! not find device\n", stdout);
+    std::fflush(stdout);
+    return false;
 }
 
 // ---- Callbacks --------------------------------------------------------------
@@ -370,6 +397,7 @@ void NotifyFirmwareUpdateInfo(VideoConsoleCoreImp& core, const char* usbFileText
     info.SetText(DeviceFirmwareupdateInfo::kState, state);
     info.SetText(DeviceFirmwareupdateInfo::kMessage, message);
     info.SetPercent(percent);
+    info.SetModel(core.m_deviceModel);
     callback(&info);
 }
 

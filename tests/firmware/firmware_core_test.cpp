@@ -15,25 +15,51 @@ namespace {
 using FirmwareCore = korvsdk_test::VirtualSession;
 }  // namespace
 
-TEST_F(FirmwareCore, StartupScanTakesTheFirstImageOfEachKind) {
+// The scan takes the first image of each kind with its path and version,
+// but arms only one whose identity fits the selected device: a stray image
+// of another model must never be written by the tool core's update start.
+TEST_F(FirmwareCore, StartupScanArmsOnlyImagesOfThisDevice) {
     ASSERT_NO_FATAL_FAILURE(Start());
     core_.ScanWorkingFolderForFirmware();
     EXPECT_EQ(core_.m_usbFileValid, 0);
     EXPECT_EQ(core_.m_mcuFileValid, 0);
 
-    virtualdev::UsbImageOptions usb;
-    usb.versionText = "02.00.00.00.0001";
-    usb.pid = 0x1234;  // no check: another device's image is taken as well
-    ASSERT_TRUE(virtualdev::WriteUsbImageFile("x.hex", virtualdev::BuildUsbImage(usb)));
-    virtualdev::McuImageOptions mcu;
-    mcu.version = 0x2A;
-    ASSERT_TRUE(virtualdev::WriteMcuImageFile("y.bin", virtualdev::BuildMcuImage(mcu)));
-    core_.ScanWorkingFolderForFirmware();
-    EXPECT_EQ(core_.m_usbFileValid, 1);
-    EXPECT_EQ(core_.m_usbFileVersion, "02.00.00.00.0001");
-    EXPECT_EQ(std::filesystem::path(core_.m_usbFilePath).filename(), "x.hex");
-    EXPECT_EQ(core_.m_mcuFileValid, 1);
-    EXPECT_EQ(core_.m_mcuFileVersion, "0d.2a.00");
+    const struct {
+        const char* name;
+        uint16_t pid;
+        uint8_t deviceType, codec;
+        bool usbArmed, mcuArmed;
+    } rows[] = {
+        {"both of this device", 0x0C01, 0x0D, 0x00, true, true},
+        {"type + 128 is this board too", 0x0C01, 0x8D, 0x00, true, true},
+        {"flash image of another PID", 0x1234, 0x0D, 0x00, false, true},
+        {"program image of another type", 0x0C01, 0x0E, 0x00, true, false},
+        {"program image of another codec", 0x0C01, 0x0D, 0x01, true, false},
+    };
+    for (const auto& r : rows) {
+        MessageLog::Clear();
+        virtualdev::UsbImageOptions usb;
+        usb.versionText = "01.00.00.00.0001";
+        usb.pid = r.pid;
+        ASSERT_TRUE(virtualdev::WriteUsbImageFile("x.hex", virtualdev::BuildUsbImage(usb)));
+        virtualdev::McuImageOptions mcu;
+        mcu.version = 0x05;
+        mcu.deviceType = r.deviceType;
+        mcu.codec = r.codec;
+        ASSERT_TRUE(virtualdev::WriteMcuImageFile("y.bin", virtualdev::BuildMcuImage(mcu)));
+        core_.ScanWorkingFolderForFirmware();
+        EXPECT_EQ(core_.m_usbFileValid, r.usbArmed ? 1 : 0) << r.name;
+        EXPECT_EQ(core_.m_mcuFileValid, r.mcuArmed ? 1 : 0) << r.name;
+        EXPECT_EQ(core_.m_usbFileVersion, "01.00.00.00.0001") << r.name;
+        EXPECT_EQ(std::filesystem::path(core_.m_usbFilePath).filename(), "x.hex") << r.name;
+        EXPECT_EQ(core_.m_mcuFileVersion.substr(2), ".05.0" + std::to_string(r.codec)) << r.name;
+        const std::string said = MessageLog::All();
+        int refusals = 0;
+        for (size_t at = said.find("Not taking "); at != std::string::npos;
+             at = said.find("Not taking ", at + 1))
+            ++refusals;
+        EXPECT_EQ(refusals, (r.usbArmed ? 0 : 1) + (r.mcuArmed ? 0 : 1)) << r.name << said;
+    }
 
     // Too short to be an image: not taken.
     korvsdk_test::WriteFile(folder_.path() / "x.hex", "short");
