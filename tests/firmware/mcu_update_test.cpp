@@ -4,6 +4,9 @@
 // riding out the restart.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,17 +33,18 @@ TEST(McuUpdate, ImagesAndFaults) {
         bool ok;
         const char* stepError;  // the record before the final one; nullptr: none
         const char* said;
+        bool busyLine;  // "M0_WaitBusy failed." in the log: the erase step only
     };
     const Row rows[] = {
-        {"4 KiB", 4096, "", true, nullptr, "Call ExitThread_1.\n"},
-        {"largest", 114688, "", true, nullptr, "MCU firmware is verify..\n"},
-        {"one byte too big", 114689, "", false, nullptr, "File is null or too big!\n"},
+        {"4 KiB", 4096, "", true, nullptr, "Call ExitThread_1.\n", false},
+        {"largest", 114688, "", true, nullptr, "MCU firmware is verify..\n", false},
+        {"one byte too big", 114689, "", false, nullptr, "File is null or too big!\n", false},
         {"busy for ever", 4096, "Virtual0_BootloaderStaysBusy=1\n", false, "MCU Error:Erase Fail!",
-         "Erase Fail!\n"},
+         "Erase Fail!\n", true},
         {"verify mismatch", 4096, "Virtual0_BootloaderVerifyFailAt=1280\n", false,
-         "MCU Error:Verify Fail!", "Verify Fail!\n"},
+         "MCU Error:Verify Fail!", "Verify Fail!\n", false},
         {"silent", 4096, "Virtual0_McuNoAnswer=1\n", false, "MCU Error:Enter Boot Mode Fail!",
-         "MCU Error:Enter Boot Mode Fail!\n"},
+         "MCU Error:Enter Boot Mode Fail!\n", false},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -79,11 +83,83 @@ TEST(McuUpdate, ImagesAndFaults) {
             ASSERT_TRUE(rig.Reselect());
             EXPECT_EQ(rig.core_.m_mcuFwVersion.substr(0, 5), "0d.21");
         }
-        if (std::string(row.name) == "busy for ever") {
-            const std::string log = korvsdk_test::ReadFile(rig.core_.LogFilePath());
+        const std::string log = korvsdk_test::ReadFile(rig.core_.LogFilePath());
+        EXPECT_EQ(log.find("M0_WaitBusy failed.") != std::string::npos, row.busyLine);
+        if (row.busyLine) {
             EXPECT_NE(log.find("[M0_WaitBusy] AccessIicData read time out."), std::string::npos);
         }
     }
+}
+
+// The updating light during a programming, read from the microcontroller's
+// write log: the blink goes on from where the counter stood (an odd count
+// gives the dark half first), it blinks in the verify loop as in the program
+// loop, and it asks no model (model 6 has an RGB light, not the GPIO LED).
+TEST(McuUpdate, TheUpdatingLightBlinks) {
+    struct Row {
+        const char* settings;
+        bool stageToggles;  // the GPIO-LED models mark the stages too
+    };
+    for (const Row& row : {Row{"", true}, Row{"Virtual0_ModelCode=6\n", false}}) {
+        SCOPED_TRACE(row.settings);
+        Rig rig(std::string(row.settings) +
+                "Virtual0_McuWriteLog=writes.txt\nVirtual0_McuVerifyPageMs=15\n");
+        ASSERT_TRUE(rig.ok());
+        rig.core_.m_updateWaitDivisor = 10;
+        rig.core_.m_ledPeriod[0] = 100;
+        rig.core_.m_toggleCounter = 7;
+        virtualdev::McuImageOptions image;
+        image.size = 4096;  // 32 pages, verified in about half a second
+        std::remove("writes.txt");
+        ASSERT_TRUE(rig.Update(rig.WriteMcu(image), kFirmwareMcuBin));
+        ASSERT_EQ(g_states.back(), "UpdateCompleted");
+        // The lines from the first to the last verify command.
+        std::vector<std::string> lines;
+        std::istringstream log(korvsdk_test::ReadFile("writes.txt"));
+        for (std::string line; std::getline(log, line);) lines.push_back(line);
+        const auto isVerify = [](const std::string& l) { return l.rfind("E2 76", 0) == 0; };
+        const auto first = std::find_if(lines.begin(), lines.end(), isVerify);
+        const auto last = std::find_if(lines.rbegin(), lines.rend(), isVerify).base();
+        ASSERT_NE(first, lines.end());
+        const auto isLed = [](const std::string& l) { return l.rfind("C8 ", 0) == 0; };
+        EXPECT_GT(std::count_if(first, last, isLed), 0);
+        const auto led = std::find_if(lines.begin(), lines.end(), isLed);
+        ASSERT_NE(led, lines.end());
+        // Counter 7: the first toggle is the dark pattern.
+        if (row.stageToggles) EXPECT_EQ(*led, "C8 83");
+    }
+}
+
+// A start that cannot read its file says so while the device is still
+// taken, then gives it back, then tells the callback.
+namespace {
+std::vector<std::string> g_events;
+VideoConsoleCoreImp* g_core = nullptr;
+void EventText(const char* text) {
+    g_events.push_back(std::string(text) + " @" + std::to_string(g_core->m_deviceState.load()));
+}
+void EventState(DevFwUpdateStateInfo* info) {
+    if (info->state != nullptr) EventText(info->state);
+}
+}  // namespace
+
+TEST(McuUpdate, AFailedStartSaysWhyBeforeItGivesTheDeviceBack) {
+    Rig rig("");
+    ASSERT_TRUE(rig.ok());
+    virtualdev::McuImageOptions image;
+    const std::string path = rig.WriteMcu(image);
+    ASSERT_TRUE(rig.core_.SetFirmwareFile(path.c_str(), kFirmwareMcuBin));
+    std::remove(path.c_str());
+    g_core = &rig.core_;
+    g_events.clear();
+    rig.core_.SetDebugOutputHandler(EventText);
+    rig.core_.CloseFwUpdateStateCallback();
+    rig.core_.OpenFwUpdateStateCallback(EventState);
+    EXPECT_FALSE(rig.core_.StartMcuFwUpdate());
+    rig.core_.SetDebugOutputHandler(nullptr);
+    const auto at = std::find(g_events.begin(), g_events.end(), "MCU Firmware read failed @3");
+    ASSERT_NE(at, g_events.end()) << ::testing::PrintToString(g_events);
+    EXPECT_EQ(g_events.back(), "UpdateFailed @2");
 }
 
 TEST(McuUpdate, LastPageIsFilledWithErasedBytes) {

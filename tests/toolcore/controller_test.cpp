@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <mutex>
 #include <regex>
 #include <string>
 #include <thread>
@@ -14,7 +15,10 @@
 #include "diagnostics/diagnostics.h"
 #include "support/virtual_session.h"
 #include "toolcore/tool_core_controller.h"
+#include "firmware/update_common.h"
+#include "virtual/device/usb_image.h"
 #include "virtual/mcu/behind_mcu_chips.h"
+#include "virtual/mcu/mcu_image.h"
 
 using namespace VideoConsoleCore;
 namespace fs = std::filesystem;
@@ -118,6 +122,7 @@ TEST_F(Controller, LightEffectsOnTheRgbChip) {
     for (const Row row : {Row{4, false}, Row{1, true}, Row{7, true}, Row{13, false}}) {
         const size_t from = chip->Writes().size();
         light.effect = row.effect;
+        core_.StopLightPreview();  // the last preview need not run out
         ASSERT_TRUE(tool_.runCommand(kCommandLight, &light, nullptr));
         std::vector<std::vector<uint8_t>> writes(chip->Writes().begin() + from, chip->Writes().end());
         bool colourSeen = false, effectSeen = false;
@@ -132,6 +137,134 @@ TEST_F(Controller, LightEffectsOnTheRgbChip) {
         EXPECT_EQ(colourSeen, row.colour) << int(row.effect);
         EXPECT_TRUE(effectSeen) << int(row.effect);
     }
+}
+
+// A preview that is not saved runs out (the light off, then its steady
+// effect) before the next effect's preview starts; a save ends it at once.
+TEST_F(Controller, APreviewRunsOutUnlessItIsSaved) {
+    ASSERT_NO_FATAL_FAILURE(Start("Virtual0_ModelCode=6\n"));
+    ASSERT_NO_FATAL_FAILURE(Run());
+    auto* chip = Device().Mcu(0).RgbLight();
+    ASSERT_NE(chip, nullptr);
+    const size_t from = chip->Writes().size();
+    LightControlCommand light;
+    light.selector = 2;
+    for (const uint8_t effect : {4, 5}) {
+        light.effect = effect;
+        ASSERT_TRUE(tool_.runCommand(kCommandLight, &light, nullptr));
+    }
+    LightControlCommand save;
+    save.selector = 1;
+    ASSERT_TRUE(tool_.runCommand(kCommandLight, &save, nullptr));
+    light.effect = 6;
+    ASSERT_TRUE(tool_.runCommand(kCommandLight, &light, nullptr));
+    // The effect register (0x21) is chosen, then written.
+    std::vector<int> effects;
+    for (auto w = chip->Writes().begin() + from; w + 1 < chip->Writes().end(); ++w)
+        if (w->back() == 0x21 && (w + 1)->size() == 3) effects.push_back((*(w + 1))[2]);
+    EXPECT_EQ(effects, (std::vector<int>{4, 5, 0, 1, 6}));
+}
+
+namespace {
+std::mutex g_fwMutex;  // the firmware callback runs on the update's thread
+std::vector<std::string> g_fwRecords;  // state|message
+ToolCoreControllerImp* g_tool = nullptr;
+int g_secondStart = 0;
+uint8_t g_model = 0;
+bool OnFirmwareInfo(void* record) {
+    auto* info = static_cast<DeviceFirmwareupdateInfo_export*>(record);
+    const std::string state = info->GetState();
+    // A second start while the first runs, from inside its progress.
+    if (state == "Updating" && g_secondStart == 0) g_secondStart = g_tool->updateFirmwareUpdate();
+    std::lock_guard lock(g_fwMutex);
+    g_fwRecords.push_back(state + "|" + info->GetMessage());
+    g_model = info->GetModel();
+    return true;
+}
+bool Recorded(const std::string& record) {
+    std::lock_guard lock(g_fwMutex);
+    return std::find(g_fwRecords.begin(), g_fwRecords.end(), record) != g_fwRecords.end();
+}
+}  // namespace
+
+// The tool core's update starts: updateFirmwareUpdate takes the working
+// folder's images, the microcontroller's first, and answers 1 whatever it
+// started; command 2 without the query flag starts the target's update.
+TEST_F(Controller, FirmwareUpdateStarts) {
+    ASSERT_NO_FATAL_FAILURE(Start("FW_Overwrite=0\n"));
+    ASSERT_NO_FATAL_FAILURE(Run());
+    ASSERT_EQ(tool_.CB_RegisterFirmwareUpdateInfo(OnFirmwareInfo), 1);
+    g_tool = &tool_;
+    core_.m_updateWaitDivisor = 50;
+    virtualdev::UsbImageOptions usb;
+    usb.versionText = "01.00.02.00.0000";
+    virtualdev::McuImageOptions mcu;
+    mcu.version = 0x18;
+    const struct {
+        const char* name;
+        bool hex, bin;
+        const char* updating;  // the first progress message; null: nothing starts
+    } rows[] = {
+        {"both kinds", true, true, "MCU firmware is updating.."},
+        {"a flash image", true, false, "USB firmware is updating.."},
+        {"no image", false, false, nullptr},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        fs::remove("new.hex"), fs::remove("new.bin");
+        if (r.hex) ASSERT_TRUE(virtualdev::WriteUsbImageFile("new.hex", BuildUsbImage(usb)));
+        if (r.bin) ASSERT_TRUE(virtualdev::WriteMcuImageFile("new.bin", BuildMcuImage(mcu)));
+        g_fwRecords.clear();
+        g_secondStart = 0;
+        korvsdk_test::MessageLog::Clear();
+        EXPECT_EQ(tool_.updateFirmwareUpdate(), 1);
+        firmware::JoinUpdateThread(core_);
+        EXPECT_EQ(Recorded(std::string("Updating|") + (r.updating ? r.updating : "")),
+                  r.updating != nullptr);
+        if (r.updating == nullptr) continue;
+        EXPECT_EQ(g_secondStart, 1);
+        EXPECT_TRUE(Said("An update is running; updateFirmwareUpdate starts no second one.\n"));
+        EXPECT_EQ(g_model, 13);
+    }
+    // The folder is empty now: nothing is armed, yet the core still holds
+    // the version text of the last flash image it took.
+    EXPECT_EQ(tool_.readFirmwareUpdate(), "01.00.02.00.0000");
+
+    ASSERT_TRUE(virtualdev::WriteMcuImageFile("new.bin", BuildMcuImage(mcu)));
+    FwUpdateCommand query;
+    query.query = 1;
+    ASSERT_TRUE(tool_.runCommand(kCommandFirmwareUpdate, &query, nullptr));
+    ASSERT_EQ(core_.m_mcuFileValid, 1);
+    g_fwRecords.clear();
+    FwUpdateCommand start;  // neither flag set
+    start.target = 1;
+    ASSERT_TRUE(tool_.runCommand(kCommandFirmwareUpdate, &start, nullptr));
+    firmware::JoinUpdateThread(core_);
+    EXPECT_TRUE(Recorded("Updating|MCU firmware is updating.."));
+}
+
+// Command 4 selects a device of the last scan by its three identity texts
+// (the ids in any case) and scans nothing itself.
+TEST_F(Controller, SelectionTakesTheDeviceFromTheLastScan) {
+    ASSERT_NO_FATAL_FAILURE(Start());
+    ASSERT_NO_FATAL_FAILURE(Run());
+    static int scans = 0;
+    ASSERT_EQ(core_.OpenScanListCallback([](DeviceEntry*, uint16_t) { ++scans; }), 1);
+    const struct {
+        DeviceIdentity identity;
+        bool selects;
+    } rows[] = {
+        {{"fff0", "0c01", list_[0].instance}, true},
+        {{"FFF0", "0C01", "VC00000009"}, false},
+        {{"FFF0", "0C02", list_[0].instance}, false},
+    };
+    for (const auto& r : rows) {
+        korvsdk_test::MessageLog::Clear();
+        EXPECT_TRUE(tool_.runCommand(kCommandSelectDevice, const_cast<DeviceIdentity*>(&r.identity),
+                                     nullptr));
+        EXPECT_EQ(Said("HidDevices Got it!! and index: 0\n"), r.selects) << r.identity.instance;
+    }
+    EXPECT_EQ(scans, 0);
 }
 
 TEST_F(Controller, DiagnosticFiles) {
