@@ -5,15 +5,18 @@
 // callbacks that call back into the library.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "KORVSDKDeviceTool.h"
+#include "VideoConsoleCore.h"
 #include "robustness/allocation_failure.h"
 #include "support/test_support.h"
 #include "virtual/device/usb_image.h"
@@ -21,6 +24,7 @@
 
 using korvsdk_test::MessageLog;
 namespace vd = VideoConsoleCore::virtualdev;
+namespace vc = VideoConsoleCore;
 
 namespace {
 
@@ -127,7 +131,9 @@ protected:
                                 "EnableLocalLogging=0\nDeviceBackend=virtual\nDevIDNum=1\n"
                                 "DevDrvID0=USB\\VID_FFF0&PID_0C01\nFW_Overwrite=0\n"
                                 // Re-plugged after an update, past its longest pause.
-                                "Virtual0_ReplugAfterUpdateMs=2000\n");
+                                "Virtual0_ReplugAfterUpdateMs=2000\n"
+                                // Each job outlasts a round of every call.
+                                "Virtual0_LatencyMs=1\nVirtual0_McuProgramDump=program.bin\n");
         ASSERT_EQ(KORVSDK_Init("setting.cfg"), 1);
         ASSERT_EQ(KORVSDK_Scan_DeviceList(&list_, &count_), 1);
         ASSERT_EQ(count_, 1);
@@ -205,50 +211,168 @@ TEST_F(BadInput, NullPointersAreRefusedOrIgnored) {
     EXPECT_EQ(KORVSDK_Check_IsFirmwareUpdating(), 0);
 }
 
-// Each update runs while a second thread calls every export in turn, round
-// after round, registering and releasing the callbacks. Every call returns,
-// and after the re-plug the device runs the new firmware.
-class EveryExportDuringAnUpdate : public BadInput, public ::testing::WithParamInterface<bool> {};
+// The class face's every operation, as a desktop tool beside the flat API
+// might call it while a job runs: commands of every kind (a light effect is
+// saved at once, so that its preview does not hold up the next round), the
+// start-up scan through each path that reaches it, the callback slots, and
+// exit and start again.
+bool CountRecord(void*) {
+    ++g_callbacks;
+    return true;
+}
+std::vector<Export> EveryClassFaceCall(vc::ToolCoreInterface& tool, DeviceEntry* entry,
+                                       const std::string& hex, const std::string& bin) {
+    auto run = [&tool](int command, auto record) {
+        return [&tool, command, record]() mutable { tool.runCommand(command, &record, nullptr); };
+    };
+    vc::AudioControl audioQuery, audioChange;
+    audioQuery.query = 1;
+    audioChange.hpOutVolume = 9;
+    vc::LightControlCommand lightQuery, pattern, effect, save;
+    lightQuery.query = 1;
+    pattern.effect = 0x81;
+    effect.selector = 2;
+    effect.effect = 4;
+    save.selector = 1;
+    vc::FwUpdateCommand scan, files, startUsb, startMcu;
+    scan.query = 1;
+    files.query = 1;
+    const std::wstring wideHex(hex.begin(), hex.end()), wideBin(bin.begin(), bin.end());
+    files.SetUsbFilePath(wideHex.c_str());
+    files.SetMcuFilePath(wideBin.c_str());
+    startUsb.start = 1;
+    startMcu.start = 1;
+    startMcu.target = 1;
+    vc::DiagnosticRequest context, dump;
+    context.collectInfo = true;
+    context.email = "bench@example.com";
+    dump.dumpLog = true;
+    const vc::DeviceIdentity identity{entry->vid, entry->pid, entry->instance};
+    return {
+        {"init", [&tool] { tool.init(); }},
+        {"start", [&tool] { tool.start(); }},
+        {"audio query", run(vc::kCommandAudio, audioQuery)},
+        {"audio change", run(vc::kCommandAudio, audioChange)},
+        {"light query", run(vc::kCommandLight, lightQuery)},
+        {"light pattern", run(vc::kCommandLight, pattern)},
+        {"light effect", run(vc::kCommandLight, effect)},
+        {"light save", run(vc::kCommandLight, save)},
+        {"firmware scan", run(vc::kCommandFirmwareUpdate, scan)},
+        {"firmware files", run(vc::kCommandFirmwareUpdate, files)},
+        {"firmware start USB", run(vc::kCommandFirmwareUpdate, startUsb)},
+        {"firmware start MCU", run(vc::kCommandFirmwareUpdate, startMcu)},
+        {"diagnostic context", run(vc::kCommandDiagnostic, context)},
+        {"diagnostic dump", run(vc::kCommandDiagnostic, dump)},
+        {"select", run(vc::kCommandSelectDevice, identity)},
+        {"readFirmwareUpdate", [&tool] { tool.readFirmwareUpdate(); }},
+        {"updateFirmwareUpdate", [&tool] { tool.updateFirmwareUpdate(); }},
+        {"dumpDiagnosticLog", [&tool] { tool.dumpDiagnosticLog(); }},
+        {"CB_RegisterDeviceInfo", [&tool] { tool.CB_RegisterDeviceInfo(CountRecord); }},
+        {"CB_RegisterDiagnosticInfo", [&tool] { tool.CB_RegisterDiagnosticInfo(CountRecord); }},
+        {"CB_RegisterAudioInfo", [&tool] { tool.CB_RegisterAudioInfo(CountRecord); }},
+        {"CB_RegisterLightInfo", [&tool] { tool.CB_RegisterLightInfo(CountRecord); }},
+        {"CB_RegisterFirmwareUpdateInfo",
+         [&tool] { tool.CB_RegisterFirmwareUpdateInfo(CountRecord); }},
+        {"exit", [&tool] { tool.exit(); }},
+    };
+}
 
-TEST_P(EveryExportDuringAnUpdate, IsRefusedOrAnsweredAndTheUpdateCompletes) {
-    const bool mcu = GetParam();
+// A job runs (a USB update, an MCU update, a backup) while a second thread
+// calls every export and every operation of the class face in turn, round
+// after round, with a flash image and a program image in the working folder
+// for the start-up scan to find. Every call returns; afterwards the device
+// holds the image byte for byte, read back through the virtual device: the
+// flash by a backup, the microcontroller's program memory by the dump it
+// writes when it is re-plugged; a backup equals a second, undisturbed one.
+enum class Job { kUsbUpdate, kMcuUpdate, kBackup };
+class EveryCallDuringAJob : public BadInput, public ::testing::WithParamInterface<Job> {};
+
+TEST_P(EveryCallDuringAJob, LeavesTheJobItsImage) {
+    const Job job = GetParam();
     const std::string hex = UsbImage(), bin = McuImage();
-    ASSERT_EQ(mcu ? KORVSDK_Set_MCU_BinFile(bin.c_str()) : KORVSDK_Set_USB_HexFile(hex.c_str()), 1);
-    const std::vector<Export> exports = EveryExport(&list_[0], hex, bin, Path("backup.hex"));
+    const std::string backup = Path("job.hex"), again = Path("again.hex");
+    if (job == Job::kUsbUpdate) ASSERT_EQ(KORVSDK_Set_USB_HexFile(hex.c_str()), 1);
+    if (job == Job::kMcuUpdate) ASSERT_EQ(KORVSDK_Set_MCU_BinFile(bin.c_str()), 1);
+    std::vector<Export> calls = EveryExport(&list_[0], hex, bin, Path("backup.hex"));
     std::set<std::string> names;
-    for (const Export& e : exports) names.insert(e.name);
+    for (const Export& e : calls) names.insert(e.name);
     const std::set<std::string> exported = {
 #include "export_names.h"
     };
     EXPECT_EQ(names, exported) << "the table must call every export once";
+    std::unique_ptr<vc::ToolCoreInterface> tool(vc::createToolCore());
+    for (Export& e : EveryClassFaceCall(*tool, &list_[0], hex, bin)) calls.push_back(std::move(e));
 
-    ASSERT_EQ(mcu ? KORVSDK_Start_MCU_FwUpdate() : KORVSDK_Start_USB_FwUpdate(), 1);
-    std::atomic<int> calls{0};
+    std::atomic<bool> jobDone{false};
+    std::atomic<int> made{0};
     std::thread caller([&] {
-        // Each call only while the update runs: a file set or a backup
-        // started after its end would be a new job, not bad input.
+        // Each call only while the job runs: a file set or a backup started
+        // after its end would be a new job, not bad input.
+        while (!jobDone && KORVSDK_Check_IsFirmwareUpdating() != 1) std::this_thread::yield();
         while (KORVSDK_Check_IsFirmwareUpdating() == 1) {
-            for (const Export& e : exports) {
+            for (const Export& e : calls) {
                 if (KORVSDK_Check_IsFirmwareUpdating() != 1) break;
                 e.call();
-                ++calls;
+                ++made;
             }
         }
     });
-    caller.join();
+    switch (job) {
+        case Job::kUsbUpdate: ASSERT_EQ(KORVSDK_Start_USB_FwUpdate(), 1); break;
+        case Job::kMcuUpdate: ASSERT_EQ(KORVSDK_Start_MCU_FwUpdate(), 1); break;
+        case Job::kBackup: EXPECT_EQ(KORVSDK_Read_USB_Flash(backup.c_str()), 1); break;
+    }
     ASSERT_TRUE(WaitUntilIdle());
-    EXPECT_GE(calls.load(), static_cast<int>(exports.size()));
+    jobDone = true;
+    caller.join();
+    tool.reset();
+    EXPECT_GE(made.load(), static_cast<int>(calls.size()));
 
-    std::this_thread::sleep_for(std::chrono::milliseconds(2300));
+    const auto bytes = [](const std::string& path) {
+        const std::string text = korvsdk_test::ReadFile(path);
+        return std::vector<uint8_t>(text.begin(), text.end());
+    };
+    if (job == Job::kBackup) {
+        ASSERT_EQ(KORVSDK_Read_USB_Flash(again.c_str()), 1);
+        EXPECT_TRUE(bytes(backup) == bytes(again));
+        return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2300));  // the re-plug
     KORVSDK_Free_DeviceList(&list_, &count_);
     ASSERT_EQ(KORVSDK_Scan_DeviceList(&list_, &count_), 1);
     ASSERT_EQ(KORVSDK_Select_Device(&list_[0]), 1);
+    const bool mcu = job == Job::kMcuUpdate;
     EXPECT_EQ(Take(mcu ? KORVSDK_Get_MCU_FW_Ver() : KORVSDK_Get_USB_FW_Ver()),
               mcu ? "0d.18.00.010000" : "01.00.02.00.0000");
+    const std::vector<uint8_t> image = bytes(mcu ? bin : hex);
+    std::vector<uint8_t> device;
+    if (mcu) {
+        device = bytes(Path("program.bin"));
+    } else {
+        ASSERT_EQ(KORVSDK_Read_USB_Flash(again.c_str()), 1);
+        device = bytes(again);
+    }
+    ASSERT_GE(device.size(), image.size() + 128);
+    EXPECT_TRUE(std::equal(image.begin(), image.end(), device.begin()));
+    if (mcu) {  // the rest of the last page, and the pages after it, erased
+        const auto tail = device.begin() + static_cast<long>(image.size());
+        EXPECT_TRUE(std::all_of(tail, tail + 128 - image.size() % 128,
+                                [](uint8_t b) { return b == 0xFF; }));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Kind, EveryExportDuringAnUpdate, ::testing::Values(false, true),
-                         [](const auto& p) { return std::string(p.param ? "Mcu" : "Usb"); });
+void PrintTo(Job job, std::ostream* out) { *out << static_cast<int>(job); }
+std::string JobName(const ::testing::TestParamInfo<Job>& info) {
+    switch (info.param) {
+        case Job::kUsbUpdate: return "UsbUpdate";
+        case Job::kMcuUpdate: return "McuUpdate";
+        case Job::kBackup: break;
+    }
+    return "Backup";
+}
+INSTANTIATE_TEST_SUITE_P(Kind, EveryCallDuringAJob,
+                         ::testing::Values(Job::kUsbUpdate, Job::kMcuUpdate, Job::kBackup),
+                         JobName);
 
 namespace {
 std::vector<std::string> g_inside;

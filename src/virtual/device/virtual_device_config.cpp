@@ -110,6 +110,7 @@ void ReadMcuKeys(const SettingsTable& settings, const std::string& p, VirtualDev
     SetFlag(settings, p + "VideoLocked", mcu.videoLocked);
     SetFlag(settings, p + "HdmiSource", mcu.hdmiSourcePresent);
     SetText(settings, p + "McuWriteLog", mcu.writeLogPath);
+    SetText(settings, p + "McuProgramDump", mcu.programDumpPath);
 
     McuTimings& t = mcu.timings;
     t.restartNackMs = kDefaultRestartNackMs;

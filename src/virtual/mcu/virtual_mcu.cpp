@@ -108,7 +108,15 @@ void VirtualMcu::LoadIdentity() {
     for (size_t i = 0; i < 6; ++i) identity_[i] = program_[at[i]];
 }
 
-void VirtualMcu::PowerCycle() { Start(McuMode::Application); }
+void VirtualMcu::PowerCycle() {
+    if (!config_.programDumpPath.empty()) {
+        if (FILE* file = std::fopen(config_.programDumpPath.c_str(), "wb")) {
+            std::fwrite(program_.data(), 1, program_.size(), file);
+            std::fclose(file);
+        }
+    }
+    Start(McuMode::Application);
+}
 
 void VirtualMcu::EnterBootloaderLine() {
     if (mode_ != McuMode::Application) return;

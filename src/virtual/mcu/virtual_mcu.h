@@ -81,6 +81,10 @@ struct VirtualMcuConfig {
     // eight data bytes), so that a client of the library can see what its
     // calls sent to the device.
     std::string writeLogPath;
+    // When set, the program memory (from 0x1000) is written to this file at
+    // every power cycle (a re-plug), so that a client can compare what was
+    // programmed byte for byte.
+    std::string programDumpPath;
 };
 
 // Faults the tests switch on and off at any time.
