@@ -175,8 +175,12 @@ struct KORVSDK_API DeviceLightControl {
     uint8_t light[5] = {};
 };
 
-// Command 1. Selector 2 with both flags clear sets a light effect; with
-// `query` set the bytes last set under `key` go to the light callback.
+// Command 1. Selector 2 with both flags clear sets a light effect and
+// previews it: unless the preview is stopped within 4.5 s (selector 1 saves
+// the LED parameters and so keeps the effect), the light goes off and back
+// to its steady effect. A further effect first waits for the last preview
+// to end. Selector 0 writes `effect` as a GPIO LED pattern. With `query` set
+// the bytes last set under `key` go to the light callback.
 struct KORVSDK_API LightControlCommand {
     uint8_t query = 0;
     uint8_t reserved = 0;
@@ -187,8 +191,11 @@ struct KORVSDK_API LightControlCommand {
     uint8_t first = 0, second = 0, third = 0;  // colour bytes
 };
 
-// Command 2. `target` 0 updates the USB bridge's flash, 1 the
-// microcontroller. The three texts are owned (copied in, freed by the
+// Command 2. With `query` the files are set (or, without paths, taken from
+// the working folder) and the firmware information goes to the
+// firmware-update callback; without it the update of `target` starts (0 the
+// USB bridge's flash, 1 the microcontroller) unless one runs or no file of
+// that kind is armed. `start` is not needed for that. The three texts are owned (copied in, freed by the
 // destructor); a null text is an empty one.
 class KORVSDK_API FwUpdateCommand : public BaseCommandObj {
 public:
@@ -354,11 +361,14 @@ public:
     // command is unknown; true when its handler ran, or when the
     // controller is not running (then nothing is done).
     virtual bool runCommand(int command, void* argument, void* reserved) = 0;
-    // Takes a firmware file from the working folder again and returns its
-    // version text (USB first), or "".
+    // Takes the firmware files of the working folder again (the first
+    // *.hex and *.bin; only images of the selected device are armed for an
+    // update) and returns the first non-empty version text the library
+    // holds, the flash image's first, or "".
     virtual std::string readFirmwareUpdate() = 0;
-    // Starts the update of the firmware file found in the working folder
-    // (USB first); 1, or -1 when it failed.
+    // Takes the working folder's files as readFirmwareUpdate does and starts
+    // the update of the armed program image, else of the armed flash image;
+    // nothing while an update runs. 1, or -1 when it threw.
     virtual int updateFirmwareUpdate() = 0;
     // Nothing; the dump is command 3. 1.
     virtual int dumpDiagnosticLog() = 0;
