@@ -67,8 +67,7 @@ bool SameFileAsAccepted(const VideoConsoleCoreImp& core, FirmwareKind kind) {
 
 bool StartUpdateThread(VideoConsoleCoreImp& core, platform::ThreadEntry entry) {
     JoinUpdateThread(core);
-    core.m_updateThread = platform::StartThread(entry, &core);
-    return core.m_updateThread != nullptr;
+    return platform::StartThread(core.m_updateThread, entry, &core);
 }
 
 void JoinUpdateThread(VideoConsoleCoreImp& core) {

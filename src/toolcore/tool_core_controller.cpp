@@ -58,7 +58,7 @@ int ToolCoreControllerImp::start() {
     // The controller runs once the worker has it; the caller goes on at
     // once. The worker is joined when the controller goes.
     platform::JoinThread(startThread_);
-    startThread_ = platform::StartThread(MarkRunning, &state_);
+    platform::StartThread(startThread_, MarkRunning, &state_);
     return -1;
 }
 
@@ -199,7 +199,7 @@ bool ToolCoreControllerImp::parseLightControl(void* argument) {
 // and wait out its whole 4.5 s.
 void ToolCoreControllerImp::runStopPreviewThread() {
     core_->m_previewStopped = false;
-    core_->m_previewThread = platform::StartThread(stopPreview, core_);
+    platform::StartThread(core_->m_previewThread, stopPreview, core_);
 }
 
 void ToolCoreControllerImp::destroyStopPreviewThread() {
