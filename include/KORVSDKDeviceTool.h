@@ -17,7 +17,8 @@
  * and are freed as soon as the callback returns, so copy what you keep. A
  * callback may call the library; a call made inside a callback does not raise
  * that same callback again (it runs and returns its result, silently).
- * Callbacks may be registered and released at any time, an update included.
+ * Callbacks may be registered and released at any time, an update included;
+ * a release returns once no other thread is inside the released callback.
  */
 #ifndef KORVSDK_DEVICE_TOOL_H
 #define KORVSDK_DEVICE_TOOL_H
@@ -110,6 +111,15 @@ KORVSDK_API int          KORVSDK_Check_IsFirmwareUpdating(void);
 KORVSDK_API int KORVSDK_Open_CB_Scan_DeviceList(KORVSDK_ScanDeviceListCallback fn);
 KORVSDK_API int KORVSDK_Open_CB_Device_StateInfo(KORVSDK_DeviceStateCallback fn);
 KORVSDK_API int KORVSDK_Open_CB_DevFwUpdate_StateInfo(KORVSDK_DevFwUpdateStateCallback fn);
+/* Close releases the slot's callback and returns 1, or 0 when the slot was
+ * empty. It returns only once no other thread of the library is still inside
+ * the released callback (an update's worker may be calling it), so its code
+ * and what it writes to may go then; do not close while holding a lock the
+ * callback takes. A callback may close itself: the close does not wait for
+ * the calls on its own thread. While a thread waits in a close, its own
+ * calls in progress do not count for others that wait, so two threads that
+ * each close, from inside a callback, the one the other is in do not wait
+ * for each other for ever. */
 KORVSDK_API int KORVSDK_Close_CB_Scan_DeviceList(void);
 KORVSDK_API int KORVSDK_Close_CB_Device_StateInfo(void);
 KORVSDK_API int KORVSDK_Close_CB_DevFwUpdate_StateInfo(void);

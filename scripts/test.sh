@@ -20,14 +20,15 @@ grep -h '^sweep ' build/linux/Testing/Temporary/LastTest.log || true
 
 # The programs whose tests run again under the sanitizers: every export with
 # bad input and beside an update, whole sessions with both updates and their
-# worker and light threads, the class face with its workers; under
+# worker and light threads, the class face with its workers, the programs
+# that end while an update runs (exit_probe); under
 # AddressSanitizer also the fault matrix (its leak check is the matrix's "no
 # leak"; under ThreadSanitizer it alone would take four minutes). The
 # per-subsystem unit tests, the interrupted-update sweeps and the korvtool
 # process tests run only in the plain builds: a CI run must stay under 30
 # minutes on two cores.
 threaded=(c_api_tests robustness_tests virtual_session_tests firmware_session_tests
-  toolcore_session_tests toolcore_tests)
+  toolcore_session_tests toolcore_tests exit_probe)
 for kind in address thread; do
   sanitized=("${threaded[@]}")
   [[ $kind == address ]] && sanitized+=(fault_matrix_tests)

@@ -31,6 +31,9 @@ VideoConsoleCoreImp::~VideoConsoleCoreImp() {
     // No thread of the library outlives the core. An update that is still
     // writing is let finish (stopping it would leave the flash half
     // written); its end may start the finish lights, which stop next.
+    // This may run on one of those threads itself: a host's callback that
+    // calls exit(), or on Windows the DLL's last reference going as a thread
+    // of the library ends. A join never waits for the thread it runs on.
     firmware::JoinUpdateThread(*this);
     firmware::StopLightThreads(*this, true);
     // These end within one poll: m_stopping is set.

@@ -89,9 +89,42 @@ public:
     bool IsUpdating() const { return m_deviceState == kDeviceStateUpdating; }
 
     // ---- Callback slots (core/callbacks.cpp) ---------------------------
+    // The host's functions that the library calls: the three callbacks and
+    // the debug-output handler. Each slot counts the calls in progress, so
+    // that taking a function out can wait until no other thread is inside
+    // it: the host may then unload the function's code.
+    enum HostSlot : int {
+        kSlotScanList,
+        kSlotDeviceState,
+        kSlotFwUpdateState,
+        kSlotDebugOutput,
+        kHostSlots
+    };
+    // One call of the slot's function on this thread, counted for as long as
+    // the object lives. Made before the slot is loaded: a removal then
+    // either sees this call in progress, or this call sees the removal.
+    class HostCall {
+    public:
+        HostCall(const VideoConsoleCoreImp& core, HostSlot slot);
+        ~HostCall();
+        HostCall(const HostCall&) = delete;
+        HostCall& operator=(const HostCall&) = delete;
+        // Whether this thread was inside the slot's function already.
+        bool Nested() const { return nested_; }
+
+    private:
+        std::atomic<int>& calls_;
+        HostSlot slot_;
+        bool nested_;
+    };
+    // Returns once no other thread is inside a function of the slot. This
+    // thread's own calls, in any slot, do not count while it waits.
+    void WaitForHostCalls(HostSlot slot) const;
     int OpenScanListCallback(KORVSDK_ScanDeviceListCallback fn);
     int OpenDeviceStateCallback(KORVSDK_DeviceStateCallback fn);
     int OpenFwUpdateStateCallback(KORVSDK_DevFwUpdateStateCallback fn);
+    // Once a close returns, the callback is no longer running on any other
+    // thread; 0 when the slot was empty.
     int CloseScanListCallback();
     int CloseDeviceStateCallback();
     int CloseFwUpdateStateCallback();
@@ -427,7 +460,7 @@ private:
     std::atomic<KORVSDK_DeviceStateCallback> m_deviceStateCallback{nullptr};
     std::atomic<KORVSDK_DevFwUpdateStateCallback> m_fwUpdateStateCallback{nullptr};
     std::atomic<KORVSDK_DebugOutputHandler> m_debugHandler{nullptr};
-    mutable std::atomic<int> m_debugHandlerCalls{0};  // handler calls in progress
+    mutable std::atomic<int> m_hostCalls[kHostSlots] = {};  // calls in progress per slot
 };
 
 // The one core object of the process, and the pointer to it that worker

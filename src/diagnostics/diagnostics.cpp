@@ -218,9 +218,11 @@ int VideoConsoleCoreImp::SaveSystemReport() {
         m_systemReportCountdown = kReportPolls;
         WriteText(summaryPath, std::string(kWaitingLine) + "\n");
         platform::JoinThread(m_systemReportThread);
-        m_systemReportThread =
-            platform::StartThread(RunReportJob, new ReportJob{this, fullPath, summaryPath});
-        if (m_systemReportThread == nullptr) m_systemReportBusy = false;
+        auto* job = new ReportJob{this, fullPath, summaryPath};
+        if (!platform::StartThread(m_systemReportThread, RunReportJob, job)) {
+            delete job;
+            m_systemReportBusy = false;
+        }
     } catch (const std::exception& e) {
         LogToFile(*this, e.what());
     }

@@ -20,9 +20,6 @@ constexpr uint32_t kRgbStepWaitMs = 10;
 constexpr uint32_t kLedSaveFirstWaitMs = 100;
 constexpr uint32_t kLedSavePollWaitMs = 100;
 constexpr int kLedSavePolls = 10;
-// A steady phase (period 0) has nothing to time; its thread only looks
-// this often whether it should end.
-constexpr uint32_t kSteadyPollMs = 100;
 
 bool IicWrite(VideoConsoleCoreImp& core, const uint8_t* bytes, size_t count) {
     uint8_t frame[96];
@@ -75,11 +72,12 @@ uint32_t RunLights(void* raw) {
             if (!WriteLedPattern(core, (count & 1) != 0 ? kLedDark : pattern)) break;
             SleepUnlessEnded(*job, period);
         } else {
-            if (core.m_patternWrittenOnce == 0) {
-                if (!WriteLedPattern(core, pattern)) break;
-                core.m_patternWrittenOnce = 1;
-            }
-            SleepUnlessEnded(*job, kSteadyPollMs);
+            // A steady pattern is written once, and then there is nothing
+            // left to do. A thread that stayed only to be told to end would
+            // keep the DLL loaded after the host's FreeLibrary (it holds a
+            // reference to it) for as long as the device stays.
+            if (WriteLedPattern(core, pattern)) core.m_patternWrittenOnce = 1;
+            break;
         }
     }
     core.DebugOut(job->exitText0);
@@ -101,8 +99,7 @@ void StartLights(VideoConsoleCoreImp& core, VideoConsoleCoreImp::LightThread& sl
                  const std::atomic<bool>& runWhile, const char* exit0, const char* exit1) {
     EndThread(core, slot);
     auto* job = new LightJob{&core, &slot, slot.generation.load(), phase, &runWhile, exit0, exit1};
-    slot.thread = platform::StartThread(RunLights, job);
-    if (slot.thread == nullptr) delete job;
+    if (!platform::StartThread(slot.thread, RunLights, job)) delete job;
 }
 
 }  // namespace

@@ -69,8 +69,7 @@ bool SameFileAsAccepted(const VideoConsoleCoreImp& core, FirmwareKind kind) {
 bool StartUpdateThread(VideoConsoleCoreImp& core, platform::ThreadEntry entry,
                        std::unique_ptr<UpdateJob> job) {
     JoinUpdateThread(core);
-    core.m_updateThread = platform::StartThread(entry, job.get());
-    if (core.m_updateThread == nullptr) return false;
+    if (!platform::StartThread(core.m_updateThread, entry, job.get())) return false;
     job.release();  // the worker's now
     return true;
 }

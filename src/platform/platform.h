@@ -82,15 +82,24 @@ std::string WideToUtf8(const wchar_t* text);
 // nothing could be started.
 bool StartSystemReport(const std::string& path);
 
-// ---- Threads of the library's own (the update lights).
+// ---- Threads of the library's own (update worker, lights, previews).
 struct Thread;
 using ThreadEntry = uint32_t (*)(void* argument);
-// Starts `entry(argument)` on a new thread; null when none could be made.
+// Starts `entry(argument)` on a new thread and stores its record in `slot`
+// before the entry runs: the thread itself, and a teardown of the core that
+// happens to run on it, find the record there. False (the slot null) when
+// no thread could be made.
 // On Windows the thread holds a reference to the module that contains the
 // library while it runs, so that unloading the DLL cannot unmap the code a
 // running thread is executing.
-Thread* StartThread(ThreadEntry entry, void* argument);
-// Waits for the thread to end and releases it (null: nothing).
+bool StartThread(Thread*& slot, ThreadEntry entry, void* argument);
+// Waits for the thread to end and releases its record (null: nothing). A
+// thread never waits for itself: called on the thread it names (the core
+// torn down by exit() in a host's callback, or on Windows by the DLL's last
+// reference going with the thread), it releases the record and lets the
+// thread end on its own. On Windows it does not wait for a thread that has
+// left the library's code either: that thread's end may need the loader
+// lock, which the caller holds while the DLL is being unloaded.
 void JoinThread(Thread* thread);
 // The exit code of the calling thread as the system reports it (while the
 // thread runs: "still active", 259). False when the system cannot say.

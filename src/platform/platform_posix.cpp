@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -290,29 +291,44 @@ bool StartSystemReport(const std::string& path) {
 
 struct Thread {
     std::thread thread;
+    std::atomic<bool> released{false};  // the record is complete and stored
 };
 
-Thread* StartThread(ThreadEntry entry, void* argument) {
-    auto* handle = new (std::nothrow) Thread;
-    if (handle == nullptr) return nullptr;
+bool StartThread(Thread*& slot, ThreadEntry entry, void* argument) {
+    slot = nullptr;
+    auto* record = new (std::nothrow) Thread;
+    if (record == nullptr) return false;
     try {
-        handle->thread = std::thread([entry, argument] {
+        record->thread = std::thread([record, entry, argument] {
+            // The starter fills in the record and stores it first; it takes
+            // a moment.
+            while (!record->released.load(std::memory_order_acquire)) std::this_thread::yield();
 #ifdef __linux__
             // No timer slack: the waits of this thread are the device's.
             prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
 #endif
+            // The record may be gone when the entry returns (released by a
+            // teardown on this thread); it is not read again.
             entry(argument);
         });
     } catch (...) {
-        delete handle;
-        return nullptr;
+        delete record;
+        return false;
     }
-    return handle;
+    slot = record;
+    record->released.store(true, std::memory_order_release);
+    return true;
 }
 
 void JoinThread(Thread* thread) {
     if (thread == nullptr) return;
-    if (thread->thread.joinable()) thread->thread.join();
+    if (thread->thread.joinable()) {
+        if (thread->thread.get_id() == std::this_thread::get_id()) {
+            thread->thread.detach();  // it ends on its own, exit() or not
+        } else {
+            thread->thread.join();
+        }
+    }
     delete thread;
 }
 

@@ -4,6 +4,7 @@
 #include <windows.h>
 #include <shlobj.h>
 
+#include <atomic>
 #include <new>
 #include <string>
 
@@ -226,42 +227,72 @@ struct Thread {
     ThreadEntry entry = nullptr;
     void* argument = nullptr;
     HMODULE module = nullptr;
+    // Set once the entry has returned and the thread reads nothing of the
+    // record any more: what is left runs in the system (the module reference
+    // dropped, the thread's end).
+    std::atomic<bool> leaving{false};
 };
 
 namespace {
 
+// The record of the library's thread running here; null once it has been
+// released on this thread, by a teardown of the core that ran inside the
+// entry.
+thread_local Thread* t_ownRecord = nullptr;
+
 DWORD WINAPI RunThread(void* raw) {
     Thread* thread = static_cast<Thread*>(raw);
+    t_ownRecord = thread;
+    const HMODULE module = thread->module;  // the record may be gone later
     const DWORD code = thread->entry(thread->argument);
+    if (module == nullptr) return code;  // no reference: waited for to its end
+    // From here on the record may be released by its joiner, which does not
+    // wait for a leaving thread: nothing more is read from it.
+    if (t_ownRecord != nullptr) t_ownRecord->leaving = true;
     // The last call leaves through kernel32: the module reference taken at
-    // the start is dropped only once no code of the library runs here.
-    if (thread->module != nullptr) FreeLibraryAndExitThread(thread->module, code);
+    // the start is dropped only once no code of the library runs here. When
+    // it is the DLL's last reference, the DLL's teardown runs here, inside
+    // this call, and finds this thread's record leaving.
+    FreeLibraryAndExitThread(module, code);
     return code;
 }
 
 }  // namespace
 
-Thread* StartThread(ThreadEntry entry, void* argument) {
+bool StartThread(Thread*& slot, ThreadEntry entry, void* argument) {
+    slot = nullptr;
     auto* thread = new (std::nothrow) Thread;
-    if (thread == nullptr) return nullptr;
+    if (thread == nullptr) return false;
     thread->entry = entry;
     thread->argument = argument;
     GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
                        reinterpret_cast<LPCWSTR>(&RunThread), &thread->module);
-    thread->handle = CreateThread(nullptr, 0, RunThread, thread, 0, nullptr);
+    // Suspended until the record is complete and stored.
+    thread->handle = CreateThread(nullptr, 0, RunThread, thread, CREATE_SUSPENDED, nullptr);
     if (thread->handle == nullptr) {
         if (thread->module != nullptr) FreeLibrary(thread->module);
         delete thread;
-        return nullptr;
+        return false;
     }
-    return thread;
+    slot = thread;
+    ResumeThread(thread->handle);
+    return true;
 }
 
 void JoinThread(Thread* thread) {
     if (thread == nullptr) return;
-    // At process exit Windows has already ended every other thread before
-    // the DLL's destructors run; the wait then returns at once.
-    WaitForSingleObject(thread->handle, INFINITE);
+    if (GetThreadId(thread->handle) == GetCurrentThreadId()) {
+        // This very thread (the core torn down on it): it cannot wait for
+        // its own end, and it must not read the record after its entry.
+        if (t_ownRecord == thread) t_ownRecord = nullptr;
+    } else if (!thread->leaving) {
+        // A leaving thread runs no code of the library any more, and its end
+        // may wait for the loader lock that the DLL's teardown holds: it is
+        // not waited for. At process exit Windows has already ended every
+        // other thread before the DLL's destructors run; the wait then
+        // returns at once.
+        WaitForSingleObject(thread->handle, INFINITE);
+    }
     CloseHandle(thread->handle);
     delete thread;
 }

@@ -61,7 +61,7 @@ int ToolCoreControllerImp::start() {
     // The controller runs once the worker has it; the caller goes on at
     // once. The worker is joined when the controller goes.
     platform::JoinThread(startThread_);
-    startThread_ = platform::StartThread(MarkRunning, &state_);
+    platform::StartThread(startThread_, MarkRunning, &state_);
     return -1;
 }
 
@@ -214,8 +214,7 @@ struct PreviewJob {
 // the worker even if the controller was never deleted.
 void ToolCoreControllerImp::runStopPreviewThread() {
     auto* job = new PreviewJob{core_, core_->m_previewStops.load()};
-    core_->m_previewThread = platform::StartThread(stopPreview, job);
-    if (core_->m_previewThread == nullptr) delete job;
+    if (!platform::StartThread(core_->m_previewThread, stopPreview, job)) delete job;
 }
 
 void ToolCoreControllerImp::destroyStopPreviewThread() {

@@ -105,7 +105,7 @@ TEST_F(Lights, BoardsWithoutGpioLedRefuse) {
 }
 
 // The finish lights blink the outcome's phase until the next update start,
-// then say that they end.
+// then say that they end; a steady phase is written once and ends at once.
 TEST_F(Lights, FinishLightsRunUntilTheNextUpdateStarts) {
     ASSERT_NO_FATAL_FAILURE(Start());
     ASSERT_TRUE(core_.SetUpdateGpioLedLights(1, 0x80, 100));

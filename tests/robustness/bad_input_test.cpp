@@ -425,6 +425,79 @@ TEST_F(BadInput, CallbacksThatCallTheLibrary) {
     EXPECT_EQ(KORVSDK_Close_CB_DevFwUpdate_StateInfo(), 0);
 }
 
+namespace {
+// Held on the update's worker at the first "Updating" record until the test
+// lets it go: 1 inside, 2 let go, 3 left.
+std::atomic<int> g_held{0};
+void HeldOnTheWorker(DevFwUpdateStateInfo* info) {
+    if (g_held != 0 || info->state == nullptr || std::string(info->state) != "Updating") return;
+    g_held = 1;
+    while (g_held != 2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    g_held = 3;
+}
+// The worker's callback replaces the debug-output handler while the test's
+// thread, inside that handler, closes the worker's callback: each waits for
+// the other's call, unless a waiting thread's own calls do not count.
+std::thread::id g_testThread;
+int g_closedInHandler = -1;
+int g_heldWhenClosed = -1;
+void HandlerClosesTheUpdateCallback(const char*) {
+    if (std::this_thread::get_id() != g_testThread || g_held != 1) return;
+    g_held = 2;
+    g_closedInHandler = KORVSDK_Close_CB_DevFwUpdate_StateInfo();
+    g_heldWhenClosed = g_held;
+}
+void UpdateCallbackReplacesTheHandler(DevFwUpdateStateInfo* info) {
+    if (g_held != 0 || info->state == nullptr || std::string(info->state) != "Updating") return;
+    g_held = 1;
+    while (g_held != 2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    KORVSDK_Set_Debug_Output_Handler(MessageLog::Collect);
+    g_held = 3;
+}
+bool WaitUntilHeld() {
+    for (int i = 0; i < 30000 && g_held != 1; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return g_held == 1;
+}
+}  // namespace
+
+// A close from another thread returns only once the callback has left, so
+// that the host may unload its code.
+TEST_F(BadInput, CloseWaitsForTheCallbackOnTheWorker) {
+    ASSERT_EQ(KORVSDK_Set_USB_HexFile(UsbImage().c_str()), 1);
+    ASSERT_EQ(KORVSDK_Open_CB_DevFwUpdate_StateInfo(HeldOnTheWorker), 1);
+    ASSERT_EQ(KORVSDK_Start_USB_FwUpdate(), 1);
+    ASSERT_TRUE(WaitUntilHeld());
+    int closed = -1, heldWhenClosed = -1;
+    std::thread host([&] {
+        closed = KORVSDK_Close_CB_DevFwUpdate_StateInfo();
+        heldWhenClosed = g_held;
+    });
+    // The close is under way while the callback is still held.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    g_held = 2;
+    host.join();
+    EXPECT_EQ(closed, 1);
+    EXPECT_EQ(heldWhenClosed, 3) << "the close returned while the callback was inside";
+    ASSERT_TRUE(WaitUntilIdle());
+}
+
+// Two threads that close, from inside their own function, the one the other
+// is in: neither waits for the other for ever.
+TEST_F(BadInput, ClosesFromInsideEachOthersCallbacksEnd) {
+    g_testThread = std::this_thread::get_id();
+    ASSERT_EQ(KORVSDK_Set_USB_HexFile(UsbImage().c_str()), 1);
+    ASSERT_EQ(KORVSDK_Open_CB_DevFwUpdate_StateInfo(UpdateCallbackReplacesTheHandler), 1);
+    KORVSDK_Set_Debug_Output_Handler(HandlerClosesTheUpdateCallback);
+    ASSERT_EQ(KORVSDK_Start_USB_FwUpdate(), 1);
+    ASSERT_TRUE(WaitUntilHeld());
+    // Refused during the update, with a debugger text from this thread.
+    EXPECT_EQ(Take(KORVSDK_Get_USB_FW_Ver()), "");
+    EXPECT_EQ(g_closedInHandler, 1);
+    EXPECT_EQ(g_heldWhenClosed, 3);
+    ASSERT_TRUE(WaitUntilIdle());
+}
+
 #if KORVSDK_ALLOCATION_FAILURES
 // Each export fails at its first allocation, then its second, and so on
 // until it needs no more than it is given: every failure is a result (0, or
