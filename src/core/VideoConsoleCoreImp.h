@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -408,7 +409,45 @@ public:
     std::atomic<bool> m_stopping{false};  // the core is going: every thread ends
     // One exchange with the device at a time: a light thread's LED write
     // must not land between the halves of the caller's I2C transaction.
-    std::recursive_mutex m_exchangeLock;
+    // A long job (a burst of thousands of chunks) takes the lock again right
+    // after each chunk; a thread that waits for it is counted, and the job
+    // lets it in before its next chunk (HandOver), so that a query or a
+    // light from another thread is answered between two chunks instead of
+    // after the whole burst.
+    class ExchangeMutex {
+    public:
+        void lock() {
+            if (!mutex_.try_lock()) {
+                ++waiting_;
+                mutex_.lock();
+                --waiting_;
+            }
+            if (depth_++ == 0) owner_ = std::this_thread::get_id();
+        }
+        bool try_lock() {
+            if (!mutex_.try_lock()) return false;
+            if (depth_++ == 0) owner_ = std::this_thread::get_id();
+            return true;
+        }
+        void unlock() {
+            if (--depth_ == 0) owner_ = std::thread::id();
+            mutex_.unlock();
+        }
+        // Lets a thread that waits for the lock take it first (a bounded
+        // wait); nothing when this thread holds the lock already.
+        void HandOver() const {
+            if (owner_.load() == std::this_thread::get_id()) return;
+            for (int spin = 0; waiting_.load() > 0 && spin < 1000; ++spin)
+                std::this_thread::yield();
+        }
+
+    private:
+        std::recursive_mutex mutex_;
+        std::atomic<int> waiting_{0};
+        int depth_ = 0;  // only the holder touches it
+        std::atomic<std::thread::id> owner_{};
+    };
+    ExchangeMutex m_exchangeLock;
 
     // ---- Class face (toolcore/) and diagnostics (diagnostics/) -----------
     // Callbacks of the class face, each set once.

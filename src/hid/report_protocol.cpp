@@ -257,6 +257,7 @@ uint32_t BurstFlashAccess(VideoConsoleCoreImp& core, int operation, uint32_t len
         const uint32_t n = std::min(length - offset, chunk);
         // One chunk at a time, so that a light or a query from another
         // thread can get a word in during a long burst.
+        core.m_exchangeLock.HandOver();
         std::unique_lock exchange(core.m_exchangeLock);
         uint8_t* buffer = ClearedBuffer(core, kDataReport);
         bool hidError = false;

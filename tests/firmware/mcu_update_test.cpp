@@ -126,7 +126,9 @@ TEST(McuUpdate, TheUpdatingLightBlinks) {
         const auto led = std::find_if(lines.begin(), lines.end(), isLed);
         ASSERT_NE(led, lines.end());
         // Counter 7: the first toggle is the dark pattern.
-        if (row.stageToggles) EXPECT_EQ(*led, "C8 83");
+        if (row.stageToggles) {
+            EXPECT_EQ(*led, "C8 83");
+        }
     }
 }
 

@@ -291,8 +291,12 @@ TEST_P(EveryCallDuringAJob, LeavesTheJobItsImage) {
     const Job job = GetParam();
     const std::string hex = UsbImage(), bin = McuImage();
     const std::string backup = Path("job.hex"), again = Path("again.hex");
-    if (job == Job::kUsbUpdate) ASSERT_EQ(KORVSDK_Set_USB_HexFile(hex.c_str()), 1);
-    if (job == Job::kMcuUpdate) ASSERT_EQ(KORVSDK_Set_MCU_BinFile(bin.c_str()), 1);
+    if (job == Job::kUsbUpdate) {
+        ASSERT_EQ(KORVSDK_Set_USB_HexFile(hex.c_str()), 1);
+    }
+    if (job == Job::kMcuUpdate) {
+        ASSERT_EQ(KORVSDK_Set_MCU_BinFile(bin.c_str()), 1);
+    }
     std::vector<Export> calls = EveryExport(&list_[0], hex, bin, Path("backup.hex"));
     std::set<std::string> names;
     for (const Export& e : calls) names.insert(e.name);

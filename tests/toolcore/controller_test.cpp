@@ -212,8 +212,12 @@ TEST_F(Controller, FirmwareUpdateStarts) {
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         fs::remove("new.hex"), fs::remove("new.bin");
-        if (r.hex) ASSERT_TRUE(virtualdev::WriteUsbImageFile("new.hex", BuildUsbImage(usb)));
-        if (r.bin) ASSERT_TRUE(virtualdev::WriteMcuImageFile("new.bin", BuildMcuImage(mcu)));
+        if (r.hex) {
+            ASSERT_TRUE(virtualdev::WriteUsbImageFile("new.hex", BuildUsbImage(usb)));
+        }
+        if (r.bin) {
+            ASSERT_TRUE(virtualdev::WriteMcuImageFile("new.bin", BuildMcuImage(mcu)));
+        }
         g_fwRecords.clear();
         g_secondStart = 0;
         korvsdk_test::MessageLog::Clear();
