@@ -385,6 +385,23 @@ public:
 // A new controller over the library's core; delete it when done.
 KORVSDK_API ToolCoreInterface* createToolCore();
 
+// ---- Extensions of this library ------------------------------------------
+// No command number names these.
+
+// Saves the system's hardware report for a problem report, with a summary
+// of it, and returns at once with 1. On Windows the system's diagnostic
+// tool writes the report; on Linux the library does (system, USB devices,
+// hidraw nodes, sound devices). The full report goes to dxdiagData_full.txt
+// in the log folder (CurrentFolderName, or APPDATA\Company\Product with
+// GenToCurrentFolder=0); the summary, the report up to its "Sound Devices"
+// section, to dxdiagData.txt in the dump folder of command 3, else in
+// CurrentFolderName. The summary reads "Wait system write Dxdiag..." while
+// the report is awaited (about 20 s at most) and "Wait WriteDxdiag time
+// out!" when it did not come. A request while one is awaited does nothing.
+// Needs no selected device; 0 only when the library's core is gone (at
+// process exit).
+KORVSDK_API int SaveSystemReport();
+
 }  // namespace VideoConsoleCore
 
 #endif  // KORVSDK_VIDEO_CONSOLE_CORE_H

@@ -480,10 +480,17 @@ public:
     const std::string& DumpFolder() const { return m_dumpFolder; }
     void SetDumpFolder(std::string folder) { m_dumpFolder = std::move(folder); }
     // Saves the system's hardware report and a summary of it (to
-    // dxdiagData.txt in the dump folder), one at a time; 1.
+    // dxdiagData.txt in the dump folder), one at a time; 1. The summary
+    // reads "Wait system write Dxdiag..." until the report is there (looked
+    // for every 100 ms, 199 times) and "Wait WriteDxdiag time out!" when it
+    // never came, also when the report could not be started.
     int SaveSystemReport();
     std::atomic<bool> m_systemReportBusy{false};
     std::atomic<uint16_t> m_systemReportCountdown{0};
+    // Test seam: the report's wait between two looks is divided by this (1 =
+    // the library's 100 ms). Only tests of a report that never comes change
+    // it, so that its 20 s of waiting take a fraction of that.
+    std::atomic<uint32_t> m_systemReportWaitDivisor{1};
     platform::Thread* m_systemReportThread = nullptr;
 
     // Two 40-byte zeroed information records; the second is allocated by

@@ -6,6 +6,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <system_error>
 
@@ -102,7 +103,8 @@ uint32_t RunReportJob(void* argument) {
             copied = true;
             break;
         }
-        platform::SleepMilliseconds(kReportPollMs);
+        const uint32_t divisor = core.m_systemReportWaitDivisor;
+        platform::SleepMilliseconds(divisor > 1 ? kReportPollMs / divisor : kReportPollMs);
     }
     if (!copied) {
         core.DebugOut(std::string(kTimeOutLine) + "\n");
@@ -194,6 +196,7 @@ void HandleRequest(VideoConsoleCoreImp& core, const DiagnosticRequest& request) 
 }  // namespace diagnostics
 
 int VideoConsoleCoreImp::SaveSystemReport() {
+    bool claimed = false;
     try {
         const LogLocation location = LogLocation::Build();
         const std::string fullPath =
@@ -202,11 +205,23 @@ int VideoConsoleCoreImp::SaveSystemReport() {
                 : Join(Join(Join(location.UserBaseFolder(), location.companyFolderName),
                             location.productFolderName),
                        location.dxdiagFullFileName);
-        if (m_systemReportBusy) return 1;  // one report at a time
+        // One report at a time: a request while one is waited for changes
+        // nothing. Claimed in one step, so two callers cannot both start.
+        bool idle = false;
+        if (!m_systemReportBusy.compare_exchange_strong(idle, true)) return 1;
+        claimed = true;
+        if (fullPath.empty()) {
+            m_systemReportBusy = false;
+            return 1;
+        }
         // A report of an earlier request must not pass for the new one.
         std::error_code ignored;
         fs::remove(PathOf(fullPath), ignored);
-        if (!platform::StartSystemReport(fullPath)) return 1;
+        // A tool that could not be started (a report folder that cannot be
+        // written, the tool missing) is waited for all the same: the summary
+        // then ends with the time-out text, which tells the user that no
+        // report came.
+        platform::StartSystemReport(fullPath);
 
         std::string folder = DumpFolder();
         if (folder.empty()) {
@@ -214,16 +229,17 @@ int VideoConsoleCoreImp::SaveSystemReport() {
             fs::create_directories(PathOf(folder), ignored);
         }
         const std::string summaryPath = Join(folder, "dxdiagData.txt");
-        m_systemReportBusy = true;
         m_systemReportCountdown = kReportPolls;
         WriteText(summaryPath, std::string(kWaitingLine) + "\n");
+        auto job = std::make_unique<ReportJob>(ReportJob{this, fullPath, summaryPath});
         platform::JoinThread(m_systemReportThread);
-        auto* job = new ReportJob{this, fullPath, summaryPath};
-        if (!platform::StartThread(m_systemReportThread, RunReportJob, job)) {
-            delete job;
-            m_systemReportBusy = false;
+        if (!platform::StartThread(m_systemReportThread, RunReportJob, job.get())) {
+            m_systemReportBusy = false;  // no worker: nothing is waited for
+            return 1;
         }
+        job.release();  // the worker's, which clears the flag when it ends
     } catch (const std::exception& e) {
+        if (claimed) m_systemReportBusy = false;  // no worker was started
         LogToFile(*this, e.what());
     }
     return 1;

@@ -216,6 +216,8 @@ private:
             uint32_t word = 0;
             for (int i = 3; i >= 0; --i) word = (word << 8) | imageWord[i];
             if (!SetConfigWord(word)) return false;
+            core_.DebugOut(Printf(
+                "FlashWrite -- Boot configuration word 0x%x written after the compare.\n", word));
         }
         core_.Report("FlashWrite -- Compare data OK.\n");
         mask_ = firmwareArea ? 1u : 0u;

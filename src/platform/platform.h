@@ -76,10 +76,11 @@ std::string FirstFileWithExtension(const std::string& extension);
 std::string WideToUtf8(const wchar_t* text);
 
 // Starts the system's hardware report, written to `path` (UTF-8) by the
-// time it is done. Windows runs its diagnostic tool hidden ("dxdiag /t
-// <path>"), which takes several seconds; elsewhere the library writes the
-// report itself from sysfs and the kernel before it returns. False when
-// nothing could be started.
+// time it is done. Windows runs its diagnostic tool from the system folder,
+// hidden ("dxdiag.exe /t <path>"), which takes several seconds; elsewhere
+// the library writes the report itself from sysfs and the kernel before it
+// returns. False when nothing could be started (on Linux: the report could
+// not be written).
 bool StartSystemReport(const std::string& path);
 
 // ---- Threads of the library's own (update worker, lights, previews).

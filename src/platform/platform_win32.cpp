@@ -207,14 +207,21 @@ bool StartSystemReport(const std::string& path) {
     // The system's diagnostic tool writes its text report (/t) and exits;
     // started hidden and not waited for. CreateProcessW rather than WinExec,
     // which takes only the ANSI code page: the path may hold any character.
-    std::wstring command = L"dxdiag /t \"" + Utf8ToWide(path) + L"\"";
+    // The tool is named by its full path in the system folder: a bare name
+    // would be looked for in the application's folder and the working
+    // folder first, where any program of that name would be started.
+    wchar_t system[MAX_PATH] = {};
+    const UINT length = GetSystemDirectoryW(system, MAX_PATH);
+    if (length == 0 || length >= MAX_PATH) return false;
+    const std::wstring program = std::wstring(system, length) + L"\\dxdiag.exe";
+    std::wstring command = L"\"" + program + L"\" /t \"" + Utf8ToWide(path) + L"\"";
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESHOWWINDOW;
     startup.wShowWindow = SW_HIDE;
     PROCESS_INFORMATION process{};
-    if (!CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                        &startup, &process)) {
+    if (!CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr,
+                        nullptr, &startup, &process)) {
         return false;
     }
     CloseHandle(process.hThread);

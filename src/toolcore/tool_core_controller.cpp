@@ -383,6 +383,11 @@ ToolCoreInterface* createToolCore() { return new ToolCoreControllerImp(); }
 
 PropertyManagerWin_Export* GetPropertyManagerWin_Export() { return nullptr; }
 
+int SaveSystemReport() {
+    VideoConsoleCoreImp* core = g_VC_CorePointer.load();
+    return core != nullptr ? core->SaveSystemReport() : 0;
+}
+
 namespace toolcore {
 
 void NotifyFirmwareUpdateInfo(VideoConsoleCoreImp& core, const char* usbFileText,

@@ -43,7 +43,7 @@ set(public_names "3Obj|16NumBaseException|10NUM_ENSURE|10NUM_EXCEPT|14BaseComman
 12AudioControl|18DeviceLightControl|19LightControlCommand|15FwUpdateCommand|17DiagnosticRequest|\
 14DeviceIdentity|17DeviceInfo_export|31DeviceFirmwareupdateInfo_export|22ControllerCoreCallBack|\
 26PropertyObserverWin_Export|25PropertyManagerWin_Export|28GetPropertyManagerWin_Export|\
-17ToolCoreInterface|14createToolCore")
+17ToolCoreInterface|14createToolCore|16SaveSystemReport")
 set(class_exports "")
 foreach(name IN LISTS exported)
   if(name MATCHES "^_Z[A-Z]*N?K?16VideoConsoleCore(${public_names})")

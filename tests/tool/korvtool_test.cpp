@@ -555,6 +555,34 @@ TEST_F(KorvtoolUpdate, BackupReplugConfirmationAndHistory) {
     EXPECT_EQ(result.out.rfind("TIME (UTC)", 0), 0u) << result.out;
 }
 
+// A whole-image USB update from korvtool writes the image's boot
+// configuration word last, after the compare, unless the settings file sets
+// USB_Entire_Valid_Last; the library says so when it does. The user's file
+// is left as it was.
+TEST_F(KorvtoolUpdate, UsbUpdateWritesTheBootWordLastUnlessTheSettingsSayOtherwise) {
+    ASSERT_NO_FATAL_FAILURE(Make({"usb", "new.hex"}));
+    struct Row {
+        const char* setting;
+        bool wordLast;
+    };
+    for (const Row row : {Row{"", true}, Row{"USB_Entire_Valid_Last=0\n", false}}) {
+        SCOPED_TRACE(row.setting);
+        const std::string text = kOneDevice + "FW_Overwrite=0\n" + row.setting;
+        const std::string file = Settings(text);
+        const ProcessResult result = Run({"--config", file, "--verbose", "update", "usb", "new.hex"});
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        const size_t image = result.err.find("[library] FlashWrite -- Transfer ");
+        const size_t word = result.err.find(
+            "[library] FlashWrite -- Boot configuration word 0x1 written after the compare.");
+        ASSERT_NE(image, std::string::npos) << result.err;
+        EXPECT_EQ(word != std::string::npos, row.wordLast) << result.err;
+        if (row.wordLast) {
+            EXPECT_GT(word, image);
+        }
+        EXPECT_EQ(korvsdk_test::ReadFile(WorkFolder() / file), text);
+    }
+}
+
 TEST_F(KorvtoolUpdate, BackupAndLogDumpFailuresLeaveNothing) {
     const std::string logging = Settings(kOneDevice + "EnableLocalLogging=1\n");
     std::filesystem::create_directory(WorkFolder() / "dumps");

@@ -201,24 +201,27 @@ CommandLine::CommandLine() {
                         "Switch the microcontroller into boot mode, ready for a firmware update",
                         kGlobalOptionsNote);
 
-    const std::string updateFooter =
-        std::string("The file is checked against the device first (its VID/PID or device type "
-                    "and a version\nnot older than the device's); a refused file changes "
-                    "nothing. The progress shows the\nphase (Preparing, Writing or "
-                    "Programming, Verifying), a bar, the rate and the time left;\nwith --json "
-                    "one event per line (start, progress, end). Ctrl-C does not stop the "
-                    "write:\nthe update must finish. Re-plug the device afterwards to run the "
-                    "new firmware.\nExit status 0 only when the update completed.\n") +
-        kGlobalOptionsNote;
+    const std::string updateText =
+        "The file is checked against the device first (its VID/PID or device type and a "
+        "version\nnot older than the device's); a refused file changes nothing. The progress "
+        "shows the\nphase (Preparing, Writing or Programming, Verifying), a bar, the rate and "
+        "the time left;\nwith --json one event per line (start, progress, end). Ctrl-C does "
+        "not stop the write:\nthe update must finish. Re-plug the device afterwards to run the "
+        "new firmware.\nExit status 0 only when the update completed.\n";
+    const std::string usbText =
+        "USB: a whole flash image is written with USB_Entire_Valid_Last=1 unless the settings\n"
+        "set that key: the image's boot configuration word is written only after the compare\n"
+        "passed, so that an update cut off never leaves a half-written firmware marked\n"
+        "bootable.\n";
     CLI::App* update = Command(app, "update", "Write a firmware image into the device",
-                               updateFooter);
+                               updateText + usbText + kGlobalOptionsNote);
     update->require_subcommand(0, 1);
     for (const bool mcu : {false, true}) {
         CLI::App* target =
             Command(*update, mcu ? "mcu" : "usb",
                     mcu ? "Program the board microcontroller with a *.bin program image"
                         : "Write a *.hex flash image into the USB bridge's flash",
-                    updateFooter);
+                    updateText + (mcu ? "" : usbText) + kGlobalOptionsNote);
         target->add_option("FILE", file, mcu ? "The program image (*.bin)" : "The flash image (*.hex)")
             ->required();
         target->add_flag("--force", force,
@@ -529,6 +532,10 @@ int main(int argc, char** argv) {
                                  "older or made for another device (FW_Overwrite=99 for this "
                                  "run only)\n");
         }
+        // korvtool's USB updates hold the boot configuration word back until
+        // the compare, unless the settings say otherwise (the library's own
+        // default is the device's classic order).
+        if (command == "update usb") source.defaults.push_back("USB_Entire_Valid_Last=1");
         session.Open(source);
         const CommandResult result = run(session);
         if (result.jsonStreamed) return korvtool::kExitSuccess;

@@ -130,16 +130,14 @@ Session::~Session() {
 
 void Session::Open(const SettingsSource& source) {
     BeginCall();
-    bool initialised = false;
+    std::string path;  // the user's file, handed on as it is when nothing is added
     if (source.useVirtual) {
         settingsName_ = "the built-in virtual settings";
-        settingsText_ = WithOverrides(BuiltInVirtualSettings(), source.overrides);
-        const TemporarySettingsFile file(settingsText_);
-        initialised = KORVSDK_Init(file.Path().c_str()) != 0;
+        settingsText_ = BuiltInVirtualSettings();
     } else {
         // The library falls back to setting.cfg in the working folder when
         // its path cannot be opened; the tool rather says what is missing.
-        const std::string path = source.configPath.value_or("setting.cfg");
+        path = source.configPath.value_or("setting.cfg");
         std::error_code error;
         if (!std::filesystem::is_regular_file(path, error)) {
             if (source.configPath) {
@@ -151,14 +149,22 @@ void Session::Open(const SettingsSource& source) {
         }
         settingsName_ = path;
         settingsText_ = ReadWhole(path);
-        if (source.overrides.empty()) {
-            initialised = KORVSDK_Init(path.c_str()) != 0;
-        } else {
-            // A copy with the overrides: the user's file stays as it is.
-            settingsText_ = WithOverrides(settingsText_, source.overrides);
-            const TemporarySettingsFile file(settingsText_);
-            initialised = KORVSDK_Init(file.Path().c_str()) != 0;
-        }
+    }
+    bool changed = !source.overrides.empty();
+    if (changed) settingsText_ = WithOverrides(settingsText_, source.overrides);
+    for (const std::string& line : source.defaults) {
+        if (Setting(line.substr(0, line.find('=')))) continue;
+        if (!settingsText_.empty() && settingsText_.back() != '\n') settingsText_ += '\n';
+        settingsText_ += line + "\n";
+        changed = true;
+    }
+    bool initialised = false;
+    if (source.useVirtual || changed) {
+        // A copy: the user's file stays as it is.
+        const TemporarySettingsFile file(settingsText_);
+        initialised = KORVSDK_Init(file.Path().c_str()) != 0;
+    } else {
+        initialised = KORVSDK_Init(path.c_str()) != 0;
     }
     if (!initialised) {
         throw Failure("the library could not be initialised" + Quote(LastWords()));
@@ -229,7 +235,7 @@ std::optional<std::string> Session::Setting(const std::string& key) const {
     std::optional<std::string> value;
     for (std::string line; std::getline(in, line);) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.size() > key.size() && line.compare(0, key.size(), key) == 0 &&
+        if (line.size() > key.size() + 1 && line.compare(0, key.size(), key) == 0 &&
             line[key.size()] == '=')
             value = line.substr(key.size() + 1);
     }

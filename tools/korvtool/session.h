@@ -24,6 +24,9 @@ struct SettingsSource {
     bool useVirtual = false;                // --virtual
     // "Key=Value" lines that replace those keys for this run only.
     std::vector<std::string> overrides;
+    // "Key=Value" lines for keys the settings leave unset (absent, or only
+    // with an empty value, which the library ignores), for this run only.
+    std::vector<std::string> defaults;
 };
 
 class Session {
@@ -48,7 +51,9 @@ public:
     // The settings file as named in hints: its path, or the built-in ones.
     const std::string& SettingsName() const { return settingsName_; }
 
-    // The value of a key in the settings the library was given.
+    // The value of a key in the settings the library was given, read as the
+    // library reads it: the last line with a value counts; an empty value
+    // counts as none.
     std::optional<std::string> Setting(const std::string& key) const;
 
     // With --verbose, the library's texts go to `printer` (one line each)
