@@ -35,12 +35,16 @@ class UsbSweep : public ::testing::TestWithParam<Mode> {};
 
 TEST_P(UsbSweep, EveryCutLeavesADeviceThatBootsAndUpdates) {
     const Mode mode = GetParam();
-    // Model 5 has no update lights, whose writes would add transfers of
-    // their own after the update's last one.
+    // Model 5 has no finish lights, whose writes would add transfers of
+    // their own after the update's last one; the updating blink, which
+    // every board gets, is held steady and marked written, so that it adds
+    // none either and every cut falls on a transfer of the update itself.
     Rig rig(std::string(mode.settings) +
             "Virtual0_OutDataCount=65534\nVirtual0_InDataCount=65534\nVirtual0_ModelCode=5\n");
     ASSERT_TRUE(rig.ok()) << korvsdk_test::MessageLog::All();
     rig.core_.m_updateWaitDivisor = 1000;
+    rig.core_.m_ledPeriod[0] = 0;
+    rig.core_.m_patternWrittenOnce = 1;
     // A firmware of 2 MiB, so that a good share of the cuts falls inside it.
     virtualdev::UsbImageOptions options;
     options.versionText = "02.00.00.00.0000";

@@ -273,6 +273,7 @@ std::vector<Export> EveryClassFaceCall(vc::ToolCoreInterface& tool, DeviceEntry*
         {"CB_RegisterLightInfo", [&tool] { tool.CB_RegisterLightInfo(CountRecord); }},
         {"CB_RegisterFirmwareUpdateInfo",
          [&tool] { tool.CB_RegisterFirmwareUpdateInfo(CountRecord); }},
+        {"SaveSystemReport", [] { vc::SaveSystemReport(); }},
         {"exit", [&tool] { tool.exit(); }},
     };
 }
