@@ -35,10 +35,9 @@ class McuSweep : public ::testing::TestWithParam<Size> {};
 
 TEST_P(McuSweep, EveryCutLeavesABoardThatTakesANewUpdate) {
     const Size size = GetParam();
-    // Model 5 has no finish lights, whose writes would add transfers of
-    // their own after the update's last one; the updating blink, which
-    // every board gets, is held steady and marked written, so that it adds
-    // none either and every cut falls on a transfer of the update itself.
+    // The updating blink, which every board gets, is held steady and marked
+    // written before each start, so that it adds no transfer and every cut
+    // falls on a transfer of the update itself.
     Rig rig("Virtual0_ModelCode=5\n");
     ASSERT_TRUE(rig.ok()) << korvsdk_test::MessageLog::All();
     rig.core_.m_updateWaitDivisor = 1000;
@@ -97,6 +96,7 @@ TEST_P(McuSweep, EveryCutLeavesABoardThatTakesANewUpdate) {
         SCOPED_TRACE("cut after transfer " + std::to_string(k) + " of " + std::to_string(total));
         korvsdk_test::MessageLog::Clear();
         ASSERT_TRUE(rig.core_.SetFirmwareFile(path.c_str(), kFirmwareMcuBin));
+        rig.core_.m_patternWrittenOnce = 1;  // the last update's finish lights cleared it
         rig.Device().Faults(0).unplugAfterTransfers = rig.Device().Transfers(0) + k;
         g_states.clear();
         g_messages.clear();
@@ -126,6 +126,7 @@ TEST_P(McuSweep, EveryCutLeavesABoardThatTakesANewUpdate) {
                              beforePages + pages * 6}) {
         SCOPED_TRACE("microcontroller power cut after transfer " + std::to_string(k));
         ASSERT_TRUE(rig.core_.SetFirmwareFile(path.c_str(), kFirmwareMcuBin));
+        rig.core_.m_patternWrittenOnce = 1;
         rig.Device().Faults(0).mcuPowerCutAfterTransfers = rig.Device().Transfers(0) + k;
         g_states.clear();
         ASSERT_TRUE(rig.core_.StartMcuFwUpdate());

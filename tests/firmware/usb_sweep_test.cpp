@@ -35,10 +35,10 @@ class UsbSweep : public ::testing::TestWithParam<Mode> {};
 
 TEST_P(UsbSweep, EveryCutLeavesADeviceThatBootsAndUpdates) {
     const Mode mode = GetParam();
-    // Model 5 has no finish lights, whose writes would add transfers of
-    // their own after the update's last one; the updating blink, which
-    // every board gets, is held steady and marked written, so that it adds
-    // none either and every cut falls on a transfer of the update itself.
+    // The updating blink, which every board gets, is held steady and marked
+    // written before each start, so that it adds no transfer and every cut
+    // falls on a transfer of the update itself. (The finish lights of the
+    // update before clear the mark; each selection has ended them.)
     Rig rig(std::string(mode.settings) +
             "Virtual0_OutDataCount=65534\nVirtual0_InDataCount=65534\nVirtual0_ModelCode=5\n");
     ASSERT_TRUE(rig.ok()) << korvsdk_test::MessageLog::All();
@@ -76,6 +76,7 @@ TEST_P(UsbSweep, EveryCutLeavesADeviceThatBootsAndUpdates) {
         rig.Device().Replug(0);
         ASSERT_TRUE(rig.Reselect());
         ASSERT_TRUE(rig.core_.SetFirmwareFile(path.c_str(), kFirmwareUsbHex));
+        rig.core_.m_patternWrittenOnce = 1;
         rig.Device().Faults(0).unplugAfterTransfers = rig.Device().Transfers(0) + k;
         g_states.clear();
         const bool started = rig.core_.StartUsbFwUpdate();
