@@ -287,19 +287,22 @@ TEST(DeviceLock, RefusesALockAnotherUserCouldHoldOrReplace) {
              return symlink(victimFolder.c_str(), folder.c_str());
          },
          false, "symbolic link"},
-        {"file of another user", [&] { return chown(file.c_str(), kOtherUser, kOtherUser); }, true,
-         "belongs to user 65534"},
-        {"file is a link",
+        {"file of another user",
          [&] {
-             std::filesystem::remove(file);
-             return symlink(victim.c_str(), file.c_str());
+             std::ofstream(file) << "";
+             return chown(file.c_str(), kOtherUser, kOtherUser);
          },
-         true, "symbolic link"},
+         true, "belongs to user 65534"},
+        {"file is a link", [&] { return symlink(victim.c_str(), file.c_str()); }, true,
+         "symbolic link"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        std::filesystem::remove_all(folder);
-        ASSERT_TRUE(DeviceLock(key).Held());  // a clean folder and file first
+        // A private folder without the file first.
+        if (std::filesystem::is_symlink(folder)) std::filesystem::remove(folder);
+        std::filesystem::create_directories(folder);
+        ASSERT_EQ(chown(folder.c_str(), geteuid(), getegid()) | chmod(folder.c_str(), 0700), 0);
+        std::filesystem::remove(file);
         ASSERT_EQ(row.plant(), 0);
         const DeviceLock lock(key);
         EXPECT_FALSE(lock.Held());
