@@ -8,6 +8,9 @@
 #include <fstream>
 
 #ifdef _WIN32
+#ifndef NOMINMAX
+#define NOMINMAX  // std::max below
+#endif
 #include <windows.h>
 #else
 #include <fcntl.h>
