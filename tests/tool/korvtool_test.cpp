@@ -205,6 +205,77 @@ TEST_F(KorvtoolList, VerboseShowsTheLibraryTextsOnStandardError) {
     EXPECT_EQ(Json(result)["devices"].size(), 1u) << "standard output keeps only the JSON";
 }
 
+// A byte a terminal may act on: a C0 control other than the newline, DEL,
+// a C1 control as UTF-8 (C2 80..C2 9F); false also for text that is not
+// UTF-8 (nlohmann's dump refuses it).
+bool HoldsRawControl(const std::string& text) {
+    try {
+        (void)json(text).dump();
+    } catch (const json::exception&) {
+        return true;
+    }
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if ((byte < 0x20 && byte != '\n') || byte == 0x7F) return true;
+        if (byte == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) <= 0x9F)
+            return true;
+    }
+    return false;
+}
+
+// What a device or an image says reaches the terminal escaped, and the
+// JSON valid: an ESC sequence, a C1 control (U+009B, CSI), DEL and a byte
+// that is not UTF-8 in the device's description and serial number and in
+// an image's version text.
+TEST_F(KorvtoolList, DeviceAndImageTextsAreNeverPrintedRaw) {
+    const std::string description = "Cap\x1b[2J\xc2\x9b" "1m\x7f\xffture";
+    const std::string serial = "SN\x1b]0;x\x07" "1";
+    const std::string version = "01.00.02.00\x1b[2J\xff";
+    const std::string settings =
+        Settings(kOneDevice + "FW_Overwrite=0\nVirtual0_Description=" + description +
+                 "\nVirtual0_Serial=" + serial + "\n");
+    const ProcessResult made = Run({"make-image", "usb", "v.hex", "--version", version});
+    ASSERT_EQ(made.exitCode, 0) << made.err;
+    const auto valid = [](std::string text) {  // as JSON carries it
+        const size_t at = text.find('\xff');
+        return at == std::string::npos ? text : text.replace(at, 1, "\xef\xbf\xbd");
+    };
+    struct Row {
+        std::vector<std::string> args;
+        std::string shown;      // in the text output
+        const char* jsonField;  // in the JSON output: which field, as JSON Pointer
+        std::string value;
+    };
+    const Row rows[] = {
+        {{"list"}, "Cap\\x1b[2J\\u009b1m\\x7f\\xffture  FFF0:0C01  SN\\x1b]0;x\\x071", "", ""},
+        {{"info"},
+         "Device 0: Cap\\x1b[2J\\u009b1m\\x7f\\xffture (FFF0:0C01, serial SN\\x1b]0;x\\x071)", "",
+         ""},
+        {{"update", "usb", "v.hex"}, "(version 01.00.02.00\\x1b[2J\\xff)", "", ""},
+        {{"--json", "list"}, "", "/devices/0/description", valid(description)},
+        {{"--json", "info"}, "", "/device/serial", serial},
+        {{"--json", "update", "usb", "v.hex"}, "", "/file_version", valid(version)},
+    };
+    for (const Row& row : rows) {
+        std::vector<std::string> args = {"--config", settings};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        SCOPED_TRACE(args.back() + (row.jsonField[0] != 0 ? " --json" : ""));
+        const ProcessResult result = Run(args);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_FALSE(HoldsRawControl(result.out)) << result.out;
+        EXPECT_FALSE(HoldsRawControl(result.err)) << result.err;
+        if (row.jsonField[0] == 0) {
+            EXPECT_TRUE(Contains(result.out, row.shown)) << result.out;
+            continue;
+        }
+        // An update writes one event per line: its first is the start.
+        const std::string first = row.args[1] == "update" ? Lines(result.out)[0] : result.out;
+        const json doc = json::parse(first, nullptr, false);
+        ASSERT_FALSE(doc.is_discarded()) << result.out;
+        EXPECT_EQ(doc.value(json::json_pointer(row.jsonField), std::string()), row.value);
+    }
+}
+
 // ---- info and device choice -----------------------------------------------
 
 using KorvtoolInfo = Korvtool;
@@ -582,6 +653,20 @@ TEST_F(KorvtoolUpdate, UsbUpdateWritesTheBootWordLastUnlessTheSettingsSayOtherwi
         EXPECT_EQ(korvsdk_test::ReadFile(WorkFolder() / file), text);
     }
 }
+
+#ifndef _WIN32
+// make-image writes through a fresh name of its own: a link planted at a
+// name it could be expected to use is not written through.
+TEST_F(KorvtoolUpdate, MakeImageWritesThroughNoPlantedLink) {
+    korvsdk_test::WriteFile(WorkFolder() / "victim", "victim\n");
+    std::filesystem::create_symlink(WorkFolder() / "victim", WorkFolder() / "new.hex.part");
+    ASSERT_NO_FATAL_FAILURE(Make({"usb", "new.hex"}));
+    EXPECT_EQ(korvsdk_test::ReadFile(WorkFolder() / "victim"), "victim\n");
+    EXPECT_TRUE(
+        std::filesystem::is_regular_file(std::filesystem::symlink_status(WorkFolder() / "new.hex")));
+    EXPECT_GT(std::filesystem::file_size(WorkFolder() / "new.hex"), 0u);
+}
+#endif
 
 TEST_F(KorvtoolUpdate, BackupAndLogDumpFailuresLeaveNothing) {
     const std::string logging = Settings(kOneDevice + "EnableLocalLogging=1\n");

@@ -2,12 +2,24 @@
 // answer texts, tested without a device.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <memory>
+#include <random>
+#include <sstream>
+
+#ifndef _WIN32
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
 
 #include "choices.h"
 #include "device_lock.h"
 #include "device_reports.h"
 #include "errors.h"
+#include "history.h"
+#include "safe_text.h"
 
 namespace korvtool {
 namespace {
@@ -143,6 +155,212 @@ TEST(DeviceLock, OneHolderAtATime) {
     first.reset();
     EXPECT_TRUE(DeviceLock(key).Held());
 }
+
+
+// What a device or a file says, as korvtool prints it: control characters
+// (C0, DEL, C1 as UTF-8) and bytes that are not UTF-8 escaped, the rest
+// kept; as JSON, valid with the same characters, bytes that are not UTF-8
+// replaced, and no raw DEL or C1 in the text.
+TEST(SafeText, EscapesControlsAndBytesThatAreNotUtf8) {
+    const std::string replacement = "\xef\xbf\xbd";
+    struct Row {
+        std::string text, printable, inJson;
+    };
+    const Row rows[] = {
+        {"Caf\xc3\xa9 \xc2\xa0\xf0\x9f\x93\xb7 a\\b", "Caf\xc3\xa9 \xc2\xa0\xf0\x9f\x93\xb7 a\\b",
+         "Caf\xc3\xa9 \xc2\xa0\xf0\x9f\x93\xb7 a\\b"},
+        {"A\x1b[2JB\x07\n\t", "A\\x1b[2JB\\x07\\x0a\\x09", "A\x1b[2JB\x07\n\t"},
+        {"\x7f\xc2\x9b" "31m\xc2\x80", "\\x7f\\u009b31m\\u0080", "\x7f\xc2\x9b" "31m\xc2\x80"},
+        {"x\xff\xc3", "x\\xff\\xc3", "x" + replacement + replacement},
+        // An overlong slash, a surrogate, a code point past U+10FFFF.
+        {"\xc0\xaf\xed\xa0\x80\xf4\x90\x80\x80", "\\xc0\\xaf\\xed\\xa0\\x80\\xf4\\x90\\x80\\x80", ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(Printable(row.text));
+        EXPECT_EQ(Printable(row.text), row.printable);
+        const std::string json = JsonText({{"text", row.text}}, 2);
+        for (size_t i = 0; i < json.size(); ++i) {
+            const auto byte = static_cast<unsigned char>(json[i]);
+            const bool c1 = byte == 0xC2 && i + 1 < json.size() &&
+                            static_cast<unsigned char>(json[i + 1]) <= 0x9F;
+            EXPECT_TRUE((byte >= 0x20 || byte == '\n') && byte != 0x7F && !c1) << json;
+        }
+        const auto parsed = nlohmann::json::parse(json, nullptr, false);
+        ASSERT_TRUE(parsed.is_object()) << json;
+        if (!row.inJson.empty()) {
+            EXPECT_EQ(parsed["text"], row.inJson);
+        }
+    }
+    EXPECT_EQ(PrintableLines("a\nb\x1b\n"), "a\nb\\x1b\n");
+}
+
+#ifndef _WIN32
+
+// A fresh folder under the temporary folder, removed with what it holds.
+class ScratchFolder {
+public:
+    ScratchFolder() {
+        std::random_device random;
+        path_ = std::filesystem::temp_directory_path() /
+                ("korvtool-test-" + std::to_string(random()));
+        std::filesystem::create_directory(path_);
+    }
+    ~ScratchFolder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// An environment variable set (or unset, for null) for a scope.
+class ScopedVariable {
+public:
+    ScopedVariable(const char* name, const char* value) : name_(name) {
+        if (const char* old = std::getenv(name)) old_ = old;
+        if (value != nullptr) {
+            setenv(name, value, 1);
+        } else {
+            unsetenv(name);
+        }
+    }
+    ~ScopedVariable() {
+        if (old_) {
+            setenv(name_, old_->c_str(), 1);
+        } else {
+            unsetenv(name_);
+        }
+    }
+
+private:
+    const char* name_;
+    std::optional<std::string> old_;
+};
+
+std::string Contents(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Another user's id (the tests run as root, who may give files away).
+constexpr uid_t kOtherUser = 65534;
+
+// Where another user could hold the lock, or swap it for a link, korvtool
+// has no lock: refused, with the file or folder and why; a link's target
+// stays as it was.
+TEST(DeviceLock, RefusesALockAnotherUserCouldHoldOrReplace) {
+    const ScratchFolder scratch;
+    const std::filesystem::path temp = scratch.path() / "tmp";
+    const std::filesystem::path victim = scratch.path() / "victim";
+    const std::filesystem::path victimFolder = scratch.path() / "victim-folder";
+    std::filesystem::create_directory(temp);
+    std::filesystem::create_directory(victimFolder);
+    std::ofstream(victim) << "victim\n";
+    const ScopedVariable runtime("XDG_RUNTIME_DIR", nullptr);
+    const ScopedVariable tmpdir("TMPDIR", temp.c_str());
+    const std::string key = "FFF0-0C01-PLANTED";
+    std::filesystem::path file;
+    {
+        const DeviceLock probe(key);
+        ASSERT_TRUE(probe.Held()) << probe.Problem();
+        file = probe.Name();
+    }
+    const std::filesystem::path folder = file.parent_path();
+    struct Row {
+        const char* name;
+        std::function<int()> plant;
+        bool aboutFile;
+        const char* why;
+    };
+    const Row rows[] = {
+        {"folder of another user", [&] { return chown(folder.c_str(), kOtherUser, kOtherUser); },
+         false, "belongs to user 65534"},
+        {"folder others may write", [&] { return chmod(folder.c_str(), 0777); }, false,
+         "other users may write"},
+        {"folder is a link",
+         [&] {
+             std::filesystem::remove_all(folder);
+             return symlink(victimFolder.c_str(), folder.c_str());
+         },
+         false, "symbolic link"},
+        {"file of another user",
+         [&] {
+             std::ofstream(file) << "";
+             return chown(file.c_str(), kOtherUser, kOtherUser);
+         },
+         true, "belongs to user 65534"},
+        {"file is a link", [&] { return symlink(victim.c_str(), file.c_str()); }, true,
+         "symbolic link"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        // A private folder without the file first.
+        if (std::filesystem::is_symlink(folder)) std::filesystem::remove(folder);
+        std::filesystem::create_directories(folder);
+        ASSERT_EQ(chown(folder.c_str(), geteuid(), getegid()) | chmod(folder.c_str(), 0700), 0);
+        std::filesystem::remove(file);
+        ASSERT_EQ(row.plant(), 0);
+        const DeviceLock lock(key);
+        EXPECT_FALSE(lock.Held());
+        const std::string& problem = lock.Problem();
+        EXPECT_EQ(problem.rfind((row.aboutFile ? file : folder).string() + ": ", 0), 0u) << problem;
+        EXPECT_NE(problem.find(row.why), std::string::npos) << problem;
+        EXPECT_EQ(Contents(victim), "victim\n");
+        EXPECT_TRUE(std::filesystem::is_empty(victimFolder));
+    }
+}
+
+// The history is appended to a file of the user's own, made for the user
+// alone; a link planted at its name, or another user's file, is not
+// written (the caller warns).
+TEST(History, AppendsOnlyToAFileOfTheUsersOwn) {
+    const ScratchFolder scratch;
+    const std::filesystem::path history = scratch.path() / "history.jsonl";
+    const std::filesystem::path victim = scratch.path() / "victim";
+    const std::filesystem::path missing = scratch.path() / "missing";
+    const nlohmann::ordered_json entry = {{"kind", "usb"}, {"serial", "SN\x1b[2J\xc2\x9b"}};
+    std::string problem;
+    ASSERT_TRUE(AppendHistory(history, entry, problem)) << problem;
+    EXPECT_EQ(std::filesystem::status(history).permissions(), std::filesystem::perms::owner_read |
+                                                                 std::filesystem::perms::owner_write);
+    size_t skipped = 0;
+    EXPECT_EQ(ReadHistory(history, skipped), std::vector<nlohmann::ordered_json>{entry});
+    EXPECT_EQ(Contents(history).find('\x1b'), std::string::npos) << "no raw control character";
+
+    struct Row {
+        const char* name;
+        std::function<int()> plant;
+    };
+    const Row rows[] = {
+        {"link to a file", [&] { return symlink(victim.c_str(), history.c_str()); }},
+        {"link to nothing", [&] { return symlink(missing.c_str(), history.c_str()); }},
+        {"file of another user",
+         [&] {
+             std::ofstream(history) << "victim\n";
+             return chown(history.c_str(), kOtherUser, kOtherUser);
+         }},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::filesystem::remove(history);
+        std::ofstream(victim) << "victim\n";
+        ASSERT_EQ(row.plant(), 0);
+        problem.clear();
+        EXPECT_FALSE(AppendHistory(history, entry, problem));
+        EXPECT_NE(problem.find(history.string()), std::string::npos) << problem;
+        EXPECT_EQ(Contents(victim), "victim\n");
+        EXPECT_FALSE(std::filesystem::exists(missing));
+        if (!std::filesystem::is_symlink(history)) {
+            EXPECT_EQ(Contents(history), "victim\n");
+        }
+    }
+}
+
+#endif  // _WIN32
 
 }  // namespace
 }  // namespace korvtool

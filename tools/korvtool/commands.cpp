@@ -12,6 +12,7 @@
 
 #include "device_reports.h"
 #include "errors.h"
+#include "safe_text.h"
 
 namespace korvtool {
 
@@ -31,9 +32,12 @@ std::string Pad(const std::string& text, size_t width) {
     return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
 }
 
+// The device's own texts as shown to a person: escaped (see safe_text.h).
 std::string Describe(const DeviceInfo& device) {
-    return device.description.empty() ? "(no description)" : device.description;
+    return device.description.empty() ? "(no description)" : Printable(device.description);
 }
+
+std::string VidPid(const DeviceInfo& device) { return Printable(device.vid + ":" + device.pid); }
 
 ordered_json DeviceJson(size_t index, const DeviceInfo& device) {
     return {{"index", index},
@@ -50,7 +54,7 @@ CommandResult StartOnDevice(Session& session, const DeviceChoice& choice) {
     CommandResult result;
     result.json["device"] = DeviceJson(index, device);
     result.text = "Device " + std::to_string(index) + ": " + Describe(device) + " (" +
-                  device.vid + ":" + device.pid + ", serial " + device.serial + ")\n";
+                  VidPid(device) + ", serial " + Printable(device.serial) + ")\n";
     return result;
 }
 
@@ -119,7 +123,7 @@ std::optional<Found<T>> FindMessage(const std::vector<std::string>& messages,
 
 std::string AllMessages(const std::vector<std::string>& messages) {
     std::string text;
-    for (const std::string& message : messages) text += message + "\n";
+    for (const std::string& message : messages) text += Printable(message) + "\n";
     return text;
 }
 
@@ -188,7 +192,7 @@ CommandResult ListDevices(Session& session) {
     for (size_t i = 0; i < devices.size(); ++i) {
         const DeviceInfo& device = devices[i];
         result.text += "  " + Pad(std::to_string(i), 3) + Pad(Describe(device), descriptionWidth) +
-                       "  " + Pad(device.vid + ":" + device.pid, 9) + "  " + device.serial + "\n";
+                       "  " + Pad(VidPid(device), 9) + "  " + Printable(device.serial) + "\n";
     }
     return result;
 }
@@ -211,7 +215,7 @@ CommandResult ShowInfo(Session& session, const DeviceChoice& choice) {
     json["usb_firmware"] = usbFirmware;
     result.text += Row("USB type", std::to_string(usbType) +
                                        (usbType == 3 ? " (on a USB 3 port)" : " (on a USB 2 port)"));
-    result.text += Row("USB firmware", usbFirmware);
+    result.text += Row("USB firmware", Printable(usbFirmware));
 
     session.BeginCall();
     const bool mcuOnBoard = KORVSDK_Check_Is_MCU_OnBoard() != 0;
@@ -229,7 +233,7 @@ CommandResult ShowInfo(Session& session, const DeviceChoice& choice) {
         }
         json["mcu_firmware"] = mcuFirmware.empty() ? ordered_json() : ordered_json(mcuFirmware);
         json["boot_mode"] = BootModeName(bootMode);
-        result.text += Row("MCU firmware", mcuFirmware.empty() ? "-" : mcuFirmware);
+        result.text += Row("MCU firmware", mcuFirmware.empty() ? "-" : Printable(mcuFirmware));
         result.text += Row("Boot mode", BootModeText(bootMode));
     } else {
         json["mcu_firmware"] = nullptr;

@@ -4,9 +4,13 @@
 // korvtool command that selects a device holds this lock until it ends;
 // a second korvtool is refused at once instead of waiting.
 //
-// Linux: flock() on a file in $XDG_RUNTIME_DIR (else the temporary folder),
-// released by the system when the process ends, however it ends. Windows:
-// a named mutex in the session's namespace, likewise.
+// Linux: flock() on a file in a folder of the user's own,
+// korvtool-lock-<uid> in $XDG_RUNTIME_DIR (when that is the user's) or else
+// in the temporary folder; released by the system when the process ends,
+// however it ends. A lock that another user could hold or replace is no
+// lock: a folder or file that is a link, is not the user's, or that others
+// may write is refused (`Problem`), and korvtool then refuses the device.
+// Windows: a named mutex in the session's namespace, likewise.
 #pragma once
 
 #include <string>
@@ -21,9 +25,11 @@ public:
     DeviceLock(const DeviceLock&) = delete;
     DeviceLock& operator=(const DeviceLock&) = delete;
 
-    // False when another holder has it (or it could not be made: `Problem`).
+    // False when another holder has it (or it could not be made or is not
+    // safe: `Problem`).
     bool Held() const { return held_; }
-    // Why the lock could not be taken, when it was not for another holder.
+    // Why the lock could not be taken, when it was not for another holder:
+    // the file or folder and what is wrong with it.
     const std::string& Problem() const { return problem_; }
     // Where the lock lives, for messages.
     const std::string& Name() const { return name_; }

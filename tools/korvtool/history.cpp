@@ -1,9 +1,24 @@
 #include "history.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <fstream>
+
+#ifdef _WIN32
+#ifndef NOMINMAX
+#define NOMINMAX  // std::max below
+#endif
+#include <windows.h>
+#else
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
+#include "safe_text.h"
 
 namespace korvtool {
 
@@ -27,7 +42,7 @@ fs::path EnvironmentPath(const char* name) {
 std::string Field(const ordered_json& entry, const char* key) {
     const auto it = entry.find(key);
     if (it == entry.end() || it->is_null()) return "-";
-    return it->is_string() ? it->get<std::string>() : it->dump();
+    return it->is_string() ? it->get<std::string>() : JsonText(*it);
 }
 
 }  // namespace
@@ -59,6 +74,60 @@ std::string UtcTimeNow() {
     return text;
 }
 
+namespace {
+
+// Appends `line` to `file` with one write, creating the file for the user
+// alone; never through a link planted at its name, never into a file of
+// another user's or one that is no regular file. "" when done, else why not.
+std::string AppendLine(const fs::path& file, const std::string& line) {
+#ifdef _WIN32
+    // A reparse point (a link or a junction) is opened as itself and refused.
+    const HANDLE handle = CreateFileW(file.c_str(), FILE_APPEND_DATA,
+                                      FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
+                                      FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) return "error " + std::to_string(GetLastError());
+    std::string problem;
+    BY_HANDLE_FILE_INFORMATION info{};
+    DWORD written = 0;
+    if (!GetFileInformationByHandle(handle, &info)) {
+        problem = "error " + std::to_string(GetLastError());
+    } else if ((info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        problem = "it is a link";
+    } else if ((info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        problem = "it is no regular file";
+    } else if (!WriteFile(handle, line.data(), static_cast<DWORD>(line.size()), &written,
+                          nullptr) ||
+               written != line.size()) {
+        problem = "error " + std::to_string(GetLastError());
+    }
+    CloseHandle(handle);
+    return problem;
+#else
+    // O_NONBLOCK: a FIFO at the name fails at once instead of waiting.
+    const int fd = open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK |
+                                          O_CLOEXEC, 0600);
+    if (fd < 0) return errno == ELOOP ? "it is a symbolic link" : std::strerror(errno);
+    std::string problem;
+    struct stat info {};
+    if (fstat(fd, &info) != 0) {
+        problem = std::strerror(errno);
+    } else if (!S_ISREG(info.st_mode)) {
+        problem = "it is no regular file";
+    } else if (info.st_uid != geteuid()) {
+        problem = "it belongs to user " + std::to_string(info.st_uid) + ", not to this user (" +
+                  std::to_string(geteuid()) + ")";
+    } else {
+        const ssize_t written = write(fd, line.data(), line.size());
+        if (written != static_cast<ssize_t>(line.size()))
+            problem = written < 0 ? std::strerror(errno) : "the disk is full";
+    }
+    close(fd);
+    return problem;
+#endif
+}
+
+}  // namespace
+
 bool AppendHistory(const fs::path& file, const ordered_json& entry, std::string& problem) {
     if (file.empty()) {
         problem = "no folder for the update history (set KORVTOOL_HISTORY)";
@@ -67,11 +136,11 @@ bool AppendHistory(const fs::path& file, const ordered_json& entry, std::string&
     std::error_code error;
     if (file.has_parent_path()) fs::create_directories(file.parent_path(), error);
     // One write of one whole line in append mode: two korvtools finishing
-    // at once do not mix their lines.
-    std::ofstream out(file, std::ios::binary | std::ios::app);
-    const std::string line = entry.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-    if (!out || !out.write(line.data(), static_cast<std::streamsize>(line.size())) || !out.flush()) {
-        problem = "the update history " + file.string() + " could not be written";
+    // at once do not mix their lines. The line holds no raw control
+    // character, so that showing the file shows text.
+    const std::string why = AppendLine(file, JsonText(entry) + "\n");
+    if (!why.empty()) {
+        problem = "the update history " + Printable(file.string()) + " could not be written: " + why;
         return false;
     }
     return true;
@@ -103,7 +172,7 @@ std::string HistoryTable(const std::vector<ordered_json>& entries) {
     std::vector<std::vector<std::string>> rows(1, std::vector<std::string>(headers, headers + kColumns));
     for (const ordered_json& entry : entries) {
         std::vector<std::string> row;
-        for (const char* key : keys) row.push_back(Field(entry, key));
+        for (const char* key : keys) row.push_back(Printable(Field(entry, key)));
         // The file by its name: the folder makes the table too wide.
         std::string& file = row.back();
         file.erase(0, file.find_last_of("/\\") + 1);

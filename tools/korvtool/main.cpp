@@ -21,6 +21,7 @@
 #include "errors.h"
 #include "history.h"
 #include "make_image.h"
+#include "safe_text.h"
 #include "session.h"
 #include "update.h"
 
@@ -306,7 +307,8 @@ CommandLine::CommandLine() {
 }
 
 void PrintError(const std::string& command, const std::string& text, int status, bool json) {
-    std::fprintf(stderr, "korvtool: error: %s\n", text.c_str());
+    // Error texts quote the library and the device: shown escaped.
+    std::fprintf(stderr, "korvtool: error: %s\n", korvtool::Printable(text).c_str());
     if (json) {
         const nlohmann::ordered_json doc = {
             {"command", command}, {"ok", false}, {"error", text}, {"exit_code", status}};
@@ -314,9 +316,9 @@ void PrintError(const std::string& command, const std::string& text, int status,
         if (command.rfind("update", 0) == 0) {
             nlohmann::ordered_json event = {{"event", "error"}};
             event.update(doc);
-            std::printf("%s\n", event.dump().c_str());
+            std::printf("%s\n", korvtool::JsonText(event).c_str());
         } else {
-            std::printf("%s\n", doc.dump(2).c_str());
+            std::printf("%s\n", korvtool::JsonText(doc, 2).c_str());
         }
     }
 }
@@ -496,9 +498,9 @@ int main(int argc, char** argv) {
             if (cli.json) {
                 nlohmann::ordered_json doc = {{"command", command}, {"ok", true}};
                 doc.update(result.json);
-                std::printf("%s\n", doc.dump(2).c_str());
+                std::printf("%s\n", korvtool::JsonText(doc, 2).c_str());
             } else {
-                std::fputs(result.text.c_str(), stdout);
+                std::fputs(korvtool::PrintableLines(result.text).c_str(), stdout);
             }
             return korvtool::kExitSuccess;
         }
@@ -508,16 +510,15 @@ int main(int argc, char** argv) {
             const std::vector<ordered_json> entries = korvtool::ReadHistory(file, skipped);
             if (skipped > 0)
                 std::fprintf(stderr, "korvtool: warning: %zu lines of %s are not history entries\n",
-                             skipped, file.string().c_str());
+                             skipped, korvtool::Printable(file.string()).c_str());
             if (cli.json) {
-                std::printf("%s\n", ordered_json({{"command", command}, {"ok", true},
-                                                  {"file", file.string()}, {"entries", entries}})
-                                        .dump(2)
-                                        .c_str());
+                const ordered_json doc = {{"command", command}, {"ok", true},
+                                          {"file", file.string()}, {"entries", entries}};
+                std::printf("%s\n", korvtool::JsonText(doc, 2).c_str());
             } else if (entries.empty()) {
-                std::printf("No updates yet (%s).\n", file.string().c_str());
+                std::printf("No updates yet (%s).\n", korvtool::Printable(file.string()).c_str());
             } else {
-                std::fputs(korvtool::HistoryTable(entries).c_str(), stdout);
+                std::fputs(korvtool::PrintableLines(korvtool::HistoryTable(entries)).c_str(), stdout);
             }
             return korvtool::kExitSuccess;
         }
@@ -542,9 +543,11 @@ int main(int argc, char** argv) {
         if (cli.json) {
             nlohmann::ordered_json doc = {{"command", command}, {"ok", true}};
             doc.update(result.json);
-            std::printf("%s\n", doc.dump(2).c_str());
+            std::printf("%s\n", korvtool::JsonText(doc, 2).c_str());
         } else {
-            std::fputs(result.text.c_str(), stdout);
+            // The commands escape each device text they quote; this keeps
+            // the lines themselves from carrying a control character.
+            std::fputs(korvtool::PrintableLines(result.text).c_str(), stdout);
         }
         return korvtool::kExitSuccess;
     } catch (const korvtool::ToolError& e) {

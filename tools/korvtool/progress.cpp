@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "safe_text.h"
+
 namespace korvtool {
 
 using nlohmann::ordered_json;
@@ -58,14 +60,16 @@ void ProgressDisplay::Start(const ordered_json& details) {
         Emit(event);
         return;
     }
+    // The device's name and the image's version are theirs: escaped.
+    const auto field = [&details](const char* key) { return Printable(details.value(key, "")); };
     const std::string kind = details.value("kind", "");
     if (kind == "backup") {
-        std::fprintf(out_, "Reading the USB flash of %s into %s\n",
-                     details.value("device", "").c_str(), details.value("file", "").c_str());
+        std::fprintf(out_, "Reading the USB flash of %s into %s\n", field("device").c_str(),
+                     field("file").c_str());
     } else {
         std::fprintf(out_, "Updating %s firmware of %s with %s (version %s)\n", kind.c_str(),
-                     details.value("device", "").c_str(), details.value("file", "").c_str(),
-                     details.value("file_version", "").c_str());
+                     field("device").c_str(), field("file").c_str(),
+                     field("file_version").c_str());
     }
     std::fflush(out_);
 }
@@ -77,7 +81,7 @@ void ProgressDisplay::Event(const ordered_json& event, const std::string& text) 
         return;
     }
     ClearBar();
-    std::fprintf(out_, "%s\n", text.c_str());
+    std::fprintf(out_, "%s\n", Printable(text).c_str());
     std::fflush(out_);
 }
 
@@ -127,7 +131,9 @@ void ProgressDisplay::Progress(const std::string& phase, double percent,
     std::fflush(out_);
 }
 
-void ProgressDisplay::Note(const std::string& line) {
+void ProgressDisplay::Note(const std::string& text) {
+    // Notes quote the library, which quotes the device.
+    const std::string line = Printable(text);
     std::lock_guard lock(mutex_);
     if (mode_ == DisplayMode::kTerminal && drawn_ > 0) {
         ClearBar();
@@ -192,7 +198,7 @@ void ProgressDisplay::DrawBar() {
 }
 
 void ProgressDisplay::Emit(const ordered_json& event) {
-    std::fprintf(out_, "%s\n", event.dump().c_str());
+    std::fprintf(out_, "%s\n", JsonText(event).c_str());
     std::fflush(out_);
 }
 

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "errors.h"
+#include "safe_text.h"
 #include "virtual_settings.h"
 
 namespace korvtool {
@@ -39,7 +40,10 @@ void OnDebugText(const char* text) {
         while (start < copy.size()) {
             size_t end = copy.find('\n', start);
             if (end == std::string::npos) end = copy.size();
-            const std::string line = "[library] " + copy.substr(start, end - start);
+            // The library's texts quote what the device sent: escaped.
+            std::string_view part(copy.data() + start, end - start);
+            if (!part.empty() && part.back() == '\r') part.remove_suffix(1);
+            const std::string line = "[library] " + Printable(part);
             if (g_channel.printer) {
                 g_channel.printer(line);
             } else {
@@ -222,9 +226,17 @@ void Session::LockDevice(const DeviceInfo& device) {
         throw Failure("the device (serial " + device.serial + ") is in use by another korvtool (" +
                       lock->Name() + "): wait until it has finished, then try again");
     }
+    // Without the lock nothing keeps a second korvtool off the device, and
+    // a lock another user can hold or replace is none: refused, not warned.
     if (!lock->Held()) {
-        std::fprintf(stderr, "korvtool: warning: no lock on the device (%s); make sure no other "
-                             "korvtool uses it\n", lock->Problem().c_str());
+#ifdef _WIN32
+        const char* advice = "end the program that holds that name, then try again";
+#else
+        const char* advice = "remove what is in the way, or set XDG_RUNTIME_DIR to a private "
+                             "folder of your own";
+#endif
+        throw Failure("the device lock cannot be taken (" + lock->Problem() +
+                      "): korvtool uses no device without it - " + advice);
     }
     lock_ = std::move(lock);
     lockKey_ = key;

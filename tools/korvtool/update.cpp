@@ -14,6 +14,7 @@
 
 #include "errors.h"
 #include "history.h"
+#include "safe_text.h"
 
 namespace korvtool {
 
@@ -430,9 +431,9 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
                    {"version_before", before}, {"state", state}, {"message", message}};
     if (!request.waitReplugSeconds) {
         history.Write(display, "completed", message);
-        result.text = std::string("Update completed: ") + kind + " firmware " + version +
-                      " written to " + deviceName + " (it had " + before +
-                      ").\nRe-plug the device to run the new firmware.\n";
+        result.text = std::string("Update completed: ") + kind + " firmware " +
+                      Printable(version) + " written to " + Printable(deviceName) + " (it had " +
+                      Printable(before) + ").\nRe-plug the device to run the new firmware.\n";
         return result;
     }
     std::string after;
@@ -445,8 +446,8 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
     history["version_after"] = after;
     history.Write(display, "confirmed", message);
     result.json["version_after"] = after;
-    result.text = std::string("Update confirmed: ") + deviceName + " runs " + kind +
-                  " firmware " + after + " (it had " + before + ").\n";
+    result.text = std::string("Update confirmed: ") + Printable(deviceName) + " runs " + kind +
+                  " firmware " + Printable(after) + " (it had " + Printable(before) + ").\n";
     return result;
 }
 
@@ -461,9 +462,9 @@ CommandResult RunBackup(Session& session, const DeviceChoice& choice, const std:
     CommandResult result;
     result.json = {{"kind", "backup"}, {"device", deviceName}, {"file", file},
                    {"usb_firmware", version}, {"state", "ReadCompleted"}, {"message", message}};
-    result.text = "Backup completed: the USB flash of " + deviceName + " (firmware " + version +
-                  ") is in " + file + ".\nPut it back with: korvtool update usb " + file +
-                  " --force\n";
+    result.text = "Backup completed: the USB flash of " + Printable(deviceName) + " (firmware " +
+                  Printable(version) + ") is in " + file + ".\nPut it back with: korvtool update usb " +
+                  file + " --force\n";
     return result;
 }
 

@@ -1,6 +1,6 @@
 #include "virtual_settings.h"
 
-#include <chrono>
+#include <random>
 #include <fstream>
 #include <system_error>
 
@@ -32,14 +32,16 @@ TemporarySettingsFile::TemporarySettingsFile(const std::string& text) {
     const std::filesystem::path base = std::filesystem::temp_directory_path(error);
     if (error) throw Failure("no temporary folder for the virtual device's settings: " + error.message());
     // A folder name that no other run holds: create_directory fails on an
-    // existing one, so a clash only costs another try.
-    auto seed = static_cast<unsigned long long>(
-        std::chrono::steady_clock::now().time_since_epoch().count());
-    for (int attempt = 0; attempt < 100; ++attempt, seed = seed * 6364136223846793005ULL + 1) {
+    // existing one (a link too), so a clash, or a name another user took
+    // first, only costs another try. Random names, so that nobody can take
+    // them all beforehand; the folder is the user's alone.
+    std::random_device random;
+    for (int attempt = 0; attempt < 100; ++attempt) {
         const std::filesystem::path candidate =
-            base / ("korvtool-" + std::to_string(seed % 100000000ULL));
+            base / ("korvtool-" + std::to_string(random() % 100000000U));
         if (std::filesystem::create_directory(candidate, error)) {
             folder_ = candidate;
+            std::filesystem::permissions(candidate, std::filesystem::perms::owner_all, error);
             break;
         }
     }
