@@ -72,7 +72,8 @@ inline constexpr uint32_t kDiskFullError = 112;
 std::FILE* CreatePartFile(const std::string& target, std::string& partPath);
 // Opens the log file `path` for appending bytes, creating it when missing.
 // A file that is there is appended to only when it is a plain file of the
-// current user's own, reached without a link; otherwise the result is null
+// current user's own with no other name (hard link), reached without a
+// link; otherwise the result is null
 // and `refusal` says why ("it is a symbolic link"). Null with an empty
 // refusal when the file cannot be opened at all.
 std::FILE* OpenOwnFileForAppending(const std::string& path, std::string& refusal);

@@ -152,6 +152,9 @@ std::FILE* OpenOwnFileForAppending(const std::string& path, std::string& refusal
         refusal = "it is not a plain file";
     } else if (info.st_uid != geteuid()) {
         refusal = "it belongs to another user";
+    } else if (info.st_nlink != 1) {
+        // Another name of a file elsewhere, which appending would change.
+        refusal = "it is a hard link to another file";
     } else if (fcntl(fd, F_SETFL, O_APPEND) == 0) {  // blocking writes again
         if (std::FILE* file = fdopen(fd, "ab")) return file;
     }

@@ -195,6 +195,8 @@ std::FILE* OpenOwnFileForAppending(const std::string& path, std::string& refusal
         refusal = "it is a link (a reparse point)";
     } else if ((info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
         refusal = "it is not a plain file";
+    } else if (info.nNumberOfLinks != 1) {
+        refusal = "it is a hard link to another file";
     }
     if (!refusal.empty()) {
         CloseHandle(file);

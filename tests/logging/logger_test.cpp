@@ -123,24 +123,30 @@ TEST_F(LoggerTest, LogsBelowAWorkingFolderNamedInAnyScript) {
 
 // The log goes to folders other users may write. A log folder that is a
 // symbolic link is followed only when the link and the folder it leads to
-// are the user's own, and a file of another user's at the log's name is not
-// appended to; either refusal says why. Only root can hand a link or a file
-// to another user (uid 1 here).
+// are the user's own, and a file of another user's, or another name of a
+// file elsewhere, at the log's name is not appended to; each refusal says
+// why. Only root can hand a link or a file to another user (uid 1 here).
 TEST_F(LoggerTest, LogsOnlyThroughFoldersAndIntoFilesOfTheUsersOwn) {
 #ifdef _WIN32
     GTEST_SKIP() << "owner checks of links are POSIX ones";
 #else
     if (geteuid() != 0) GTEST_SKIP() << "needs root to give files to another user";
+    enum class AtName { kNothing, kOthersFile, kHardLink };  // what waits at the log's name
     struct Row {
         const char* name;
-        bool otherLink, otherFolder, otherFile;
+        bool otherLink, otherFolder;
+        AtName atName;
         const char* said;  // null: the log is written in the folder
     };
     const Row rows[] = {
-        {"own link, own folder", false, false, false, nullptr},
-        {"another user's link", true, false, false, "its folder is a link that is not the user's own"},
-        {"link to another user's folder", false, true, false, "its folder is a link"},
-        {"another user's file at the log's name", false, false, true, "it belongs to another user"},
+        {"own link, own folder", false, false, AtName::kNothing, nullptr},
+        {"another user's link", true, false, AtName::kNothing,
+         "its folder is a link that is not the user's own"},
+        {"link to another user's folder", false, true, AtName::kNothing, "its folder is a link"},
+        {"another user's file at the log's name", false, false, AtName::kOthersFile,
+         "it belongs to another user"},
+        {"a hard link at the log's name", false, false, AtName::kHardLink,
+         "it is a hard link to another file"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -150,27 +156,40 @@ TEST_F(LoggerTest, LogsOnlyThroughFoldersAndIntoFilesOfTheUsersOwn) {
         const fs::path link = folder_.path() / ("link" + name);
         fs::create_directory(folder);
         fs::create_directory_symlink(folder, link);
-        ASSERT_EQ(lchown(link.c_str(), row.otherLink ? 1 : 0, 0), 0);
-        ASSERT_EQ(chown(folder.c_str(), row.otherFolder ? 1 : 0, 0), 0);
+        ASSERT_EQ(lchown(link.c_str(), row.otherLink ? 1 : geteuid(), 0), 0);
+        ASSERT_EQ(chown(folder.c_str(), row.otherFolder ? 1 : geteuid(), 0), 0);
+        const fs::path victim = folder_.path() / "victim.txt";
         korvsdk_test::WriteFile(folder_.path() / "setting.cfg",
                                 "CurrentFolderName=link" + name + "\n");
         std::string planted;
         bool checked = false;
-        for (int attempt = 0; attempt < 5 && !checked; ++attempt) {  // a second boundary may fall between
-            if (row.otherFile) {
+        // Another try when a second boundary fell between the plant and the start.
+        for (int attempt = 0; attempt < 5 && !checked; ++attempt) {
+            if (row.atName != AtName::kNothing) {
                 planted = "Device_Log_" + VideoConsoleCore::LocalTimeStamp() + ".txt";
-                korvsdk_test::WriteFile(folder / planted, "another user's\n");
-                ASSERT_EQ(chown((folder / planted).c_str(), 1, 0), 0);
+                fs::remove(folder / planted);
+                korvsdk_test::WriteFile(victim, "kept\n");
+                if (row.atName == AtName::kHardLink) {
+                    fs::create_hard_link(victim, folder / planted);
+                } else {
+                    fs::copy_file(victim, folder / planted);
+                    ASSERT_EQ(chown((folder / planted).c_str(), 1, 0), 0);
+                }
             }
             VideoConsoleCoreImp core;
             core.SetDebugOutputHandler(MessageLog::Collect);
             core.StartLogger();
-            if (row.otherFile && fs::path(core.LogFilePath()).filename() != planted) continue;
+            const bool atName = row.atName != AtName::kNothing;
+            if (atName && fs::path(core.LogFilePath()).filename() != planted) {
+                fs::remove(core.LogFilePath());
+                continue;
+            }
             EXPECT_EQ(core.m_logger != nullptr, row.said == nullptr);
             const auto logs = korvsdk_test::FilesStartingWith(folder, "Device_Log_");
-            EXPECT_EQ(logs.size(), row.said == nullptr || row.otherFile ? 1u : 0u);
-            if (row.otherFile) {
-                EXPECT_EQ(ReadFile(folder / planted), "another user's\n");
+            EXPECT_EQ(logs.size(), row.said == nullptr || atName ? 1u : 0u);
+            if (atName) {
+                EXPECT_EQ(ReadFile(folder / planted), "kept\n");
+                EXPECT_EQ(ReadFile(victim), "kept\n");
             }
             if (row.said != nullptr) {
                 EXPECT_NE(MessageLog::All().find(row.said), std::string::npos) << MessageLog::All();
