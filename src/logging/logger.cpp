@@ -26,10 +26,9 @@ struct LogRefusal : std::runtime_error {
 // spdlog's own file sink opens a narrow path with the C runtime, which on
 // Windows reads it in the ANSI code page: a log folder below a working folder
 // named in other characters would never open. This sink appends to a file
-// the platform layer opened from the UTF-8 path.
-// The log is opened without following a link at its name and is appended to
-// only when it is a file of the user's own: the log folder may be one that
-// other users can write.
+// the platform layer opened from the UTF-8 path, without following a link at
+// its name and only when it is a file of the user's own: the log folder may
+// be one that other users can write.
 class AppendingFileSink final : public spdlog::sinks::base_sink<std::mutex> {
 public:
     explicit AppendingFileSink(const std::string& path) {
