@@ -191,9 +191,11 @@ KORVSDK_API int KORVSDK_Set_Debug_Output_Handler(KORVSDK_DebugOutputHandler hand
  * runs (the device is in the updating state meanwhile, so the update guard
  * refuses other operations). Progress goes to the firmware-update-state
  * callback: state "Reading" with percent, then "ReadCompleted" or
- * "ReadFailed" with the reason in `message`. The image is written to
- * `path` + ".part" and renamed to `path` only when complete; after a
- * failure no file is left behind and an earlier file at `path` is kept. */
+ * "ReadFailed" with the reason in `message`. The image is written to a new
+ * file beside `path` (`path` + ".part-" and six random characters, readable
+ * by its owner only on POSIX) and renamed to `path` only when complete;
+ * after a failure no file is left behind and an earlier file at `path` is
+ * kept. */
 KORVSDK_API KORVSDK_BOOL KORVSDK_Read_USB_Flash(const char* path);
 
 #ifdef __cplusplus

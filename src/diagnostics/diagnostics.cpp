@@ -2,10 +2,12 @@
 
 #include <spdlog/spdlog.h>
 
+#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <sstream>
 #include <system_error>
@@ -42,20 +44,43 @@ void LogToFile(const VideoConsoleCoreImp& core, const std::string& text) {
     if (core.m_localLogging && core.m_logger) core.m_logger->info(text);
 }
 
-// Copies the core's log file into `target` (created or truncated), line by
-// line, each line ended by "\n". A log that cannot be opened leaves the
-// target empty; a target that cannot be made is left out.
+// Writes `target` through a new file of its own beside it (platform.h:
+// never through a link planted at a name, readable by its owner only),
+// renamed into place once `fill` has written it: a link or a file at the
+// target's name is replaced, never written through. False when the file
+// could not be made or written; nothing is then left behind.
+bool WriteNewFile(const std::string& target, const std::function<bool(std::FILE*)>& fill) {
+    std::string partial;
+    std::FILE* file = platform::CreatePartFile(target, partial);
+    if (file == nullptr) return false;
+    const bool written = fill(file);
+    if (std::fclose(file) == 0 && written && platform::MoveIntoPlace(partial, target)) return true;
+    platform::RemoveFile(partial);
+    return false;
+}
+
+bool WriteText(const std::string& path, const std::string& text) {
+    return WriteNewFile(path, [&](std::FILE* file) {
+        return std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    });
+}
+
+// Copies the core's log file into `target` (made anew), line by line, each
+// line ended by "\n". A log that cannot be opened leaves the target empty;
+// a target that cannot be made is left out.
 void CopyLogInto(VideoConsoleCoreImp& core, const std::string& target, const std::string& head) {
     if (core.m_logger) core.m_logger->flush();  // what was logged so far
     std::ifstream log(PathOf(core.LogFilePath()), std::ios::binary);
-    std::ofstream out(PathOf(target), std::ios::binary | std::ios::trunc);
-    if (!out) return;
-    out << head;
-    std::string line;
-    while (log && std::getline(log, line)) {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (!(out << line << '\n')) break;
-    }
+    WriteNewFile(target, [&](std::FILE* out) {
+        if (std::fwrite(head.data(), 1, head.size(), out) != head.size()) return false;
+        std::string line;
+        while (log && std::getline(log, line)) {
+            if (!line.empty() && line.back() == '\r') line.pop_back();
+            line += '\n';
+            if (std::fwrite(line.data(), 1, line.size(), out) != line.size()) return false;
+        }
+        return true;
+    });
 }
 
 // The tag (the user's e-mail address) becomes part of a file name in the
@@ -74,11 +99,6 @@ std::string FileNameTag(const std::string& tag) {
         name.resize(cut);
     }
     return name;
-}
-
-void WriteText(const std::string& path, const std::string& text) {
-    std::ofstream out(PathOf(path), std::ios::binary | std::ios::trunc);
-    out << text;
 }
 
 // The worker of the system report: waits for the system's full report and

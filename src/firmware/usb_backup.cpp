@@ -4,8 +4,11 @@
 //
 // The read runs on the caller's thread and holds the device state at 3 for
 // its length, so no update, query or second backup can interleave with it.
-// The image is written beside its target (".part") and renamed into place
-// only when every byte has arrived: a target file is whole or absent.
+// The image is written to a new file of its own beside its target
+// ("<target>.part-" and six random characters: a link planted at a name is
+// never written through, and the file is readable by its owner only) and
+// renamed into place only when every byte has arrived: a target file is
+// whole or absent.
 #include <cinttypes>
 #include <cstdio>
 #include <string>
@@ -26,7 +29,7 @@ constexpr const char* kReadingText = "USB flash is being read..";
 class BackupWriter {
 public:
     BackupWriter(VideoConsoleCoreImp& core, std::string path)
-        : core_(core), path_(std::move(path)), partial_(path_ + ".part") {}
+        : core_(core), path_(std::move(path)) {}
 
     // False with the reason in `failure`.
     bool Run(std::string& failure) {
@@ -41,9 +44,9 @@ public:
             failure = "The flash part's size is unknown; nothing was read.";
             return false;
         }
-        std::FILE* file = platform::CreateFileForWriting(partial_);
+        std::FILE* file = platform::CreatePartFile(path_, partial_);
         if (file == nullptr) {
-            failure = "Cannot create " + partial_ + "; check the folder and its permissions.";
+            failure = "Cannot create a file beside " + path_ + "; check the folder and its permissions.";
             return false;
         }
         core_.m_dumpFile = file;
@@ -86,7 +89,7 @@ private:
 
     VideoConsoleCoreImp& core_;
     const std::string path_;
-    const std::string partial_;
+    std::string partial_;  // the file being written
 };
 
 }  // namespace

@@ -56,13 +56,37 @@ bool FileSize(FileHandle file, uint64_t& size);
 uint32_t ReadFromFile(FileHandle file, uint8_t* buffer, uint32_t length, uint32_t& error);
 void CloseFile(FileHandle file);
 inline constexpr uint32_t kDiskFullError = 112;
-// Creates or truncates `path` for writing bytes; null when it cannot.
-std::FILE* CreateFileForWriting(const std::string& path);
-// Opens `path` for appending bytes, creating it when missing; null when it
-// cannot.
-std::FILE* OpenFileForAppending(const std::string& path);
+
+// ---- Files the library creates: logs and their copies, the system report,
+// backups. They go to folders other users may be able to write (the working
+// folder is the default log folder), so none of these functions writes
+// through a link someone planted at the name: a new file is always made
+// exclusively, and on POSIX it is readable by its owner only (0600): logs
+// can hold a user's e-mail address, backups the device's firmware.
+
+// Creates a new, empty file beside `target` for writing bytes, named
+// `target` + ".part-" + six random characters, exclusively: a name that
+// exists (a file, or a link to one) is never opened; another name is tried.
+// `partPath` receives the name. Null when no file can be made there. The
+// finished file goes to `target` with MoveIntoPlace.
+std::FILE* CreatePartFile(const std::string& target, std::string& partPath);
+// Opens the log file `path` for appending bytes, creating it when missing.
+// A file that is there is appended to only when it is a plain file of the
+// current user's own with no other name (hard link), reached without a
+// link; otherwise the result is null
+// and `refusal` says why ("it is a symbolic link"). Null with an empty
+// refusal when the file cannot be opened at all.
+std::FILE* OpenOwnFileForAppending(const std::string& path, std::string& refusal);
+// Whether files may be put into `folder`. A folder that is a symbolic link
+// is followed only when the link and the folder it leads to are both the
+// current user's own: a link that another user planted in a shared folder
+// would send the user's logs where that user chose. A folder that is no
+// link, or no folder at all (its files then fail on their own), passes.
+// Windows: every folder passes (see docs/design-notes.md).
+bool IsOwnFolderOrNoLink(const std::string& folder);
 // Puts the finished file `from` in the place of `to`, replacing what was
-// there, in one step where the file system allows.
+// there (a link at `to` is replaced itself, not the file it leads to), in
+// one step where the file system allows.
 bool MoveIntoPlace(const std::string& from, const std::string& to);
 // Deletes a file, quietly when it is not there.
 void RemoveFile(const std::string& path);

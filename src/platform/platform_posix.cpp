@@ -24,6 +24,7 @@
 #include <filesystem>
 #include <fstream>
 #include <new>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -114,12 +115,62 @@ FileHandle OpenFileForReading(const std::string& path) {
     return fd < 0 ? kNoFile : fd;
 }
 
-std::FILE* CreateFileForWriting(const std::string& path) {
-    return path.empty() ? nullptr : std::fopen(path.c_str(), "wbe");  // e: close on exec
+std::FILE* CreatePartFile(const std::string& target, std::string& partPath) {
+    partPath.clear();
+    if (target.empty()) return nullptr;
+    // mkostemp opens with O_CREAT | O_EXCL, mode 0600, and tries fresh random
+    // names while one exists: a link at a name is never followed.
+    std::string name = target + ".part-XXXXXX";
+    const int fd = mkostemp(name.data(), O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    std::FILE* file = fdopen(fd, "wb");
+    if (file == nullptr) {
+        close(fd);
+        unlink(name.c_str());
+        return nullptr;
+    }
+    partPath = name;
+    return file;
 }
 
-std::FILE* OpenFileForAppending(const std::string& path) {
-    return path.empty() ? nullptr : std::fopen(path.c_str(), "abe");
+std::FILE* OpenOwnFileForAppending(const std::string& path, std::string& refusal) {
+    refusal.clear();
+    if (path.empty()) return nullptr;
+    // O_NOFOLLOW: a link at the name fails the open. O_NONBLOCK: a FIFO
+    // planted there would otherwise hold the open until someone reads it.
+    const int fd = open(path.c_str(),
+                        O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                        0600);
+    if (fd < 0) {
+        struct stat link {};
+        if (errno == ELOOP && lstat(path.c_str(), &link) == 0 && S_ISLNK(link.st_mode))
+            refusal = "it is a symbolic link";
+        return nullptr;
+    }
+    struct stat info {};
+    if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        refusal = "it is not a plain file";
+    } else if (info.st_uid != geteuid()) {
+        refusal = "it belongs to another user";
+    } else if (info.st_nlink != 1) {
+        // Another name of a file elsewhere, which appending would change.
+        refusal = "it is a hard link to another file";
+    } else if (fcntl(fd, F_SETFL, O_APPEND) == 0) {  // blocking writes again
+        if (std::FILE* file = fdopen(fd, "ab")) return file;
+    }
+    close(fd);
+    return nullptr;
+}
+
+bool IsOwnFolderOrNoLink(const std::string& folder) {
+    std::string name = folder;
+    // "logs/" would name the folder the link leads to, not the link.
+    while (name.size() > 1 && name.back() == '/') name.pop_back();
+    struct stat link {};
+    if (lstat(name.c_str(), &link) != 0 || !S_ISLNK(link.st_mode)) return true;
+    struct stat target {};
+    return link.st_uid == geteuid() && stat(name.c_str(), &target) == 0 &&
+           S_ISDIR(target.st_mode) && target.st_uid == geteuid();
 }
 
 bool MoveIntoPlace(const std::string& from, const std::string& to) {
@@ -265,28 +316,30 @@ void WriteHidrawNodes(std::ostream& out) {
 
 bool StartSystemReport(const std::string& path) {
     if (path.empty()) return false;
+    std::ostringstream out;
+    utsname system {};
+    out << "System Information\n------------------\n";
+    if (uname(&system) == 0) {
+        out << "Operating System: " << system.sysname << ' ' << system.release << '\n'
+            << "Kernel Version: " << system.version << '\n'
+            << "Machine: " << system.machine << '\n';
+    }
+    out << '\n';
+    WriteUsbDevices(out);
+    WriteHidrawNodes(out);
+    out << "Sound Devices\n-------------\n";
+    std::ifstream cards("/proc/asound/cards");
+    if (cards) out << cards.rdbuf();
     // Written beside the target and renamed into place, so that whoever
     // waits for the report never reads half of it.
-    const std::string partial = path + ".part";
-    {
-        std::ofstream out(partial, std::ios::trunc);
-        if (!out) return false;
-        utsname system {};
-        out << "System Information\n------------------\n";
-        if (uname(&system) == 0) {
-            out << "Operating System: " << system.sysname << ' ' << system.release << '\n'
-                << "Kernel Version: " << system.version << '\n'
-                << "Machine: " << system.machine << '\n';
-        }
-        out << '\n';
-        WriteUsbDevices(out);
-        WriteHidrawNodes(out);
-        out << "Sound Devices\n-------------\n";
-        std::ifstream cards("/proc/asound/cards");
-        if (cards) out << cards.rdbuf();
-        if (!out) return false;
-    }
-    return std::rename(partial.c_str(), path.c_str()) == 0;
+    const std::string text = out.str();
+    std::string partial;
+    std::FILE* file = CreatePartFile(path, partial);
+    if (file == nullptr) return false;
+    const bool written = std::fwrite(text.data(), 1, text.size(), file) == text.size();
+    if (std::fclose(file) == 0 && written && MoveIntoPlace(partial, path)) return true;
+    RemoveFile(partial);
+    return false;
 }
 
 struct Thread {

@@ -4,8 +4,12 @@
 #include <windows.h>
 #include <shlobj.h>
 
+#include <fcntl.h>
+#include <io.h>
+
 #include <atomic>
 #include <new>
+#include <random>
 #include <string>
 
 namespace VideoConsoleCore::platform {
@@ -124,15 +128,84 @@ FileHandle OpenFileForReading(const std::string& path) {
     return file == INVALID_HANDLE_VALUE ? kNoFile : reinterpret_cast<FileHandle>(file);
 }
 
-std::FILE* CreateFileForWriting(const std::string& path) {
-    const std::wstring wide = WidePath(path);
-    return wide.empty() ? nullptr : _wfopen(wide.c_str(), L"wb");
+namespace {
+
+// A C stream over a handle this file opened; the handle is closed when the
+// stream cannot be made.
+std::FILE* StreamOf(HANDLE handle, int flags, const char* mode) {
+    const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(handle), flags);
+    if (fd < 0) {
+        CloseHandle(handle);
+        return nullptr;
+    }
+    std::FILE* file = _fdopen(fd, mode);
+    if (file == nullptr) _close(fd);
+    return file;
 }
 
-std::FILE* OpenFileForAppending(const std::string& path) {
-    const std::wstring wide = WidePath(path);
-    return wide.empty() ? nullptr : _wfopen(wide.c_str(), L"ab");
+}  // namespace
+
+std::FILE* CreatePartFile(const std::string& target, std::string& partPath) {
+    partPath.clear();
+    if (WidePath(target).empty()) return nullptr;
+    static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+    std::random_device random;  // rand_s with mingw-w64's runtime
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        std::string name = target + ".part-";
+        for (int i = 0; i < 6; ++i) name += kLetters[random() % (sizeof kLetters - 1)];
+        // CREATE_NEW fails on any name that exists, a link included, so a
+        // planted reparse point is never opened.
+        const HANDLE file = CreateFileW(WidePath(name).c_str(), GENERIC_WRITE, FILE_SHARE_READ,
+                                        nullptr, CREATE_NEW,
+                                        FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT,
+                                        nullptr);
+        if (file == INVALID_HANDLE_VALUE) {
+            const DWORD error = GetLastError();
+            if (error == ERROR_FILE_EXISTS || error == ERROR_ALREADY_EXISTS) continue;
+            return nullptr;
+        }
+        std::FILE* stream = StreamOf(file, _O_WRONLY | _O_BINARY, "wb");
+        if (stream == nullptr) {
+            DeleteFileW(WidePath(name).c_str());
+            return nullptr;
+        }
+        partPath = name;
+        return stream;
+    }
+    return nullptr;
 }
+
+std::FILE* OpenOwnFileForAppending(const std::string& path, std::string& refusal) {
+    refusal.clear();
+    const std::wstring wide = WidePath(path);
+    if (wide.empty()) return nullptr;
+    // FILE_FLAG_OPEN_REPARSE_POINT opens a link itself instead of the file it
+    // leads to; it is then refused before a byte is written.
+    const HANDLE file =
+        CreateFileW(wide.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+                    FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
+                    FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return nullptr;
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!GetFileInformationByHandle(file, &info)) {
+        CloseHandle(file);
+        return nullptr;
+    }
+    if ((info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        refusal = "it is a link (a reparse point)";
+    } else if ((info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        refusal = "it is not a plain file";
+    } else if (info.nNumberOfLinks != 1) {
+        refusal = "it is a hard link to another file";
+    }
+    if (!refusal.empty()) {
+        CloseHandle(file);
+        return nullptr;
+    }
+    return StreamOf(file, _O_WRONLY | _O_APPEND | _O_BINARY, "ab");
+}
+
+bool IsOwnFolderOrNoLink(const std::string&) { return true; }
 
 bool MoveIntoPlace(const std::string& from, const std::string& to) {
     // rename() refuses an existing target on Windows; MoveFileExW replaces it.

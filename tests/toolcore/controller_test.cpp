@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <ctime>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <regex>
 #include <string>
@@ -409,4 +412,128 @@ TEST_F(Controller, SystemReportThatNeverComesEndsInTheTimeOutText) {
     ASSERT_FALSE(core_.m_systemReportBusy);
     EXPECT_EQ(korvsdk_test::ReadFile(summary), "Wait WriteDxdiag time out!\n");
     EXPECT_EQ(korvsdk_test::MessageLog::Count("Wait WriteDxdiag time out!\n"), 1);
+}
+
+#ifndef _WIN32
+namespace {
+
+// The stamps of the library's file names for this second and the next two.
+std::vector<std::string> StampsFromNow() {
+    std::vector<std::string> stamps;
+    const std::time_t now = std::time(nullptr);
+    for (int ahead = 0; ahead < 3; ++ahead) {
+        const std::time_t then = now + ahead;
+        std::tm t{};
+        localtime_r(&then, &t);
+        char text[64];
+        std::snprintf(text, sizeof text, "%04d-%02d-%02d %dh %dm %ds", t.tm_year + 1900,
+                      t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec);
+        stamps.push_back(text);
+    }
+    return stamps;
+}
+
+}  // namespace
+#endif
+
+// Another user of a shared working folder plants symbolic links at the
+// names the library is about to create (and at the old fixed ".part" names),
+// pointing at a file of the user's own. That file keeps its bytes: copies,
+// reports and backups land as files of their own in the link's place, and
+// the log refuses to append through a link and says so. Files holding the
+// user's data are readable by their owner only. The working folder's name
+// has blanks and characters outside ASCII.
+TEST_F(Controller, CreatedFilesNeverFollowPlantedLinks) {
+#ifdef _WIN32
+    GTEST_SKIP() << "planting a link takes a privilege on Windows";
+#else
+    const fs::path here = folder_.path() / fs::path(u8"Prüfung Ordner 日本");
+    fs::create_directory(here);
+    korvsdk_test::WorkingFolder inside(here);
+    // A 256 KB flash part, so that the backup is quick.
+    const std::string logging = "EnableLocalLogging=1\nVirtual0_FlashIndex=34\n";
+    korvsdk_test::WriteFile("setting.cfg", korvsdk_test::kOneVirtualDevice + logging);
+    ASSERT_NO_FATAL_FAILURE(Start(logging));
+    ASSERT_TRUE(core_.m_localLogging);
+    constexpr fs::perms kOthers = fs::perms::group_all | fs::perms::others_all;
+    EXPECT_EQ(fs::status(core_.LogFilePath()).permissions() & kOthers, fs::perms::none);
+    fs::create_directories("Diagnostic/tmp");
+    const fs::path victim = folder_.path() / "victim.txt";
+    const std::string kept = "the user's own file\n";
+    korvsdk_test::WriteFile(victim, kept);
+
+    VideoConsoleCoreImp other;  // a second start in this folder, for the log
+    other.SetDebugOutputHandler(korvsdk_test::MessageLog::Collect);
+    const std::string tagged = std::string("Diagnostic/tmp/user@example.com,") +
+                               diagnostics::ModelPrefix(core_.m_selected, core_.m_deviceModel) +
+                               "*.txt";
+    struct Row {
+        const char* kind;
+        std::vector<std::string> names;  // '*' stands for a time stamp
+        std::function<std::string()> run;  // the path it used, when it refuses
+        const char* refusal;  // what the library says; null: it writes its file
+        bool ownerOnly;
+    };
+    const Row rows[] = {
+        {"log dump copy", {"Dump_Log_*.txt"}, [&] { diagnostics::DumpLog(core_); return ""; },
+         nullptr, true},
+        {"device-tagged copy", {tagged},
+         [&] { diagnostics::CopyLogTagged(core_, "user@example.com"); return ""; }, nullptr, true},
+        {"system report", {"dxdiagData_full.txt", "dxdiagData_full.txt.part", "dxdiagData.txt"},
+         [&] {
+             core_.SaveSystemReport();
+             for (int i = 0; i < 400 && core_.m_systemReportBusy; ++i)
+                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
+             return "";
+         },
+         nullptr, false},
+        {"backup", {"backup.hex", "backup.hex.part"},
+         [&] { core_.ReadUsbFlash("backup.hex"); return ""; }, nullptr, true},
+        // Last: its links replace the session's own log.
+        {"log append", {"Device_Log_*.txt"},
+         [&] { other.StartLogger(); return other.LogFilePath(); },
+         "is a symbolic link", false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.kind);
+        korvsdk_test::MessageLog::Clear();
+        std::vector<fs::path> planted;
+        for (const std::string& name : row.names) {
+            const size_t star = name.find('*');
+            const std::vector<std::string> stamps =
+                star == std::string::npos ? std::vector<std::string>{""} : StampsFromNow();
+            for (const std::string& stamp : stamps) {
+                std::string at = name;
+                if (star != std::string::npos) at.replace(star, 1, stamp);
+                planted.push_back(fs::u8path(at));
+                fs::remove(planted.back());
+                fs::create_symlink(victim, planted.back());
+            }
+        }
+        const std::string used = row.run();
+        EXPECT_TRUE(korvsdk_test::ReadFile(victim) == kept) << "the victim was written";
+        int written = 0;
+        for (const fs::path& name : planted) {
+            const fs::file_status status = fs::symlink_status(name);
+            if (fs::is_symlink(status) || !fs::exists(status)) continue;  // left or moved away
+            ++written;
+            ASSERT_TRUE(fs::is_regular_file(status)) << name;
+            EXPECT_GT(fs::file_size(name), 0u) << name;
+            if (row.ownerOnly) {
+                EXPECT_EQ(status.permissions() & kOthers, fs::perms::none) << name;
+            }
+        }
+        for (const auto& entry : fs::recursive_directory_iterator("."))
+            EXPECT_EQ(entry.path().string().find(".part-"), std::string::npos) << entry.path();
+        if (row.refusal == nullptr) {
+            EXPECT_GE(written, 1) << "none of the planted names was written";
+            continue;
+        }
+        EXPECT_EQ(written, 0);
+        EXPECT_NE(korvsdk_test::MessageLog::All().find(row.refusal), std::string::npos)
+            << korvsdk_test::MessageLog::All();
+        const fs::path name = fs::u8path(used).filename();
+        EXPECT_TRUE(std::count(planted.begin(), planted.end(), name)) << "not planted: " << name;
+    }
+#endif
 }
