@@ -253,6 +253,7 @@ constexpr uid_t kOtherUser = 65534;
 // has no lock: refused, with the file or folder and why; a link's target
 // stays as it was.
 TEST(DeviceLock, RefusesALockAnotherUserCouldHoldOrReplace) {
+    if (geteuid() != 0) GTEST_SKIP() << "giving files to another user needs root";
     const ScratchFolder scratch;
     const std::filesystem::path temp = scratch.path() / "tmp";
     const std::filesystem::path victim = scratch.path() / "victim";
@@ -346,6 +347,7 @@ TEST(History, AppendsOnlyToAFileOfTheUsersOwn) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
+        if (geteuid() != 0 && std::string(row.name) == "file of another user") continue;
         std::filesystem::remove(history);
         std::ofstream(victim) << "victim\n";
         ASSERT_EQ(row.plant(), 0);

@@ -255,8 +255,8 @@ CommandLine::CommandLine() {
 
     Command(app, "backup", "Read the whole USB flash into a *.hex image",
             std::string("The image is what 'korvtool update usb FILE --force' writes back, to put "
-                        "the device\nback as it was. It is written to FILE.part and renamed "
-                        "when complete.\n") +
+                        "the device\nback as it was. It is written to a new file beside FILE "
+                        "and renamed to FILE when complete.\n") +
                 kGlobalOptionsNote)
         ->add_option("FILE", file, "Where to write the image (*.hex)")
         ->required();
