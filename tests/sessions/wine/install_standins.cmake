@@ -25,8 +25,12 @@ foreach(dll IN LISTS dlls)
 endforeach()
 
 # The registry is the wineserver's while it runs: the default goes in
-# through reg.exe, once per prefix (user.reg holds it from then on).
-file(READ "${prefix}/user.reg" user)
+# through reg.exe, once per prefix (user.reg holds it from the server's
+# next save on; a new prefix may have no user.reg yet).
+set(user "")
+if(EXISTS "${prefix}/user.reg")
+  file(READ "${prefix}/user.reg" user)
+endif()
 set(missing FALSE)
 foreach(dll IN LISTS dlls)
   if(NOT user MATCHES "\n\"${dll}\"=\"builtin\"")
