@@ -422,7 +422,7 @@ TEST_F(Controller, SystemReportRefusesAFolderWithAQuotationMark) {
     EXPECT_EQ(korvsdk_test::MessageLog::Count("The system report's folder name contains a "
                                               "quotation mark (\"); no report was started.\n"),
               1);
-    for (const fs::path file : {fs::u8path(folder) / "dxdiagData_full.txt",
+    for (const fs::path& file : {fs::u8path(folder) / "dxdiagData_full.txt",
                                 fs::u8path(folder) / "dxdiagData.txt"})
         EXPECT_FALSE(fs::exists(file)) << file;
 }
