@@ -25,6 +25,8 @@ namespace {
 constexpr const char* kDumpLoggingOff = "[Dump_Log] ERROR: You have not Enable Local Logging...";
 constexpr const char* kWaitingLine = "Wait system write Dxdiag...";
 constexpr const char* kTimeOutLine = "Wait WriteDxdiag time out!";
+constexpr const char* kQuotedFolderLine =
+    "The system report's folder name contains a quotation mark (\"); no report was started.\n";
 constexpr uint16_t kReportPolls = 200;
 constexpr uint32_t kReportPollMs = 100;
 // Room for the model prefix and the time stamp within a file name's 255 bytes.
@@ -225,6 +227,14 @@ int VideoConsoleCoreImp::SaveSystemReport() {
                 : Join(Join(Join(location.UserBaseFolder(), location.companyFolderName),
                             location.productFolderName),
                        location.dxdiagFullFileName);
+        // On Windows the path is one quoted argument of the tool's command
+        // line: a quotation mark in it would end that argument and pass the
+        // rest to the tool as arguments of its own. No Windows folder name
+        // holds one, and the same settings are refused on every system.
+        if (fullPath.find('"') != std::string::npos) {
+            Report(kQuotedFolderLine);
+            return 1;
+        }
         // One report at a time: a request while one is waited for changes
         // nothing. Claimed in one step, so two callers cannot both start.
         bool idle = false;

@@ -276,25 +276,39 @@ std::string WideToUtf8(const wchar_t* text) {
 }
 
 bool StartSystemReport(const std::string& path) {
-    if (path.empty()) return false;
+    // A quotation mark would end the path's quoted argument and hand the
+    // rest to the tool as arguments of its own; no Windows path holds one.
+    if (path.empty() || path.find('"') != std::string::npos) return false;
     // The system's diagnostic tool writes its text report (/t) and exits;
     // started hidden and not waited for. CreateProcessW rather than WinExec,
     // which takes only the ANSI code page: the path may hold any character.
-    // The tool is named by its full path in the system folder: a bare name
-    // would be looked for in the application's folder and the working
-    // folder first, where any program of that name would be started.
+    // The tool is named by its full path in the system folder, also as the
+    // command line's first argument: a bare name would be looked for in the
+    // application's folder and the working folder first, where any program
+    // of that name would be started. It runs in the system folder, so that
+    // its own search for DLLs meets no working folder of ours; the report's
+    // path is therefore made absolute first.
     wchar_t system[MAX_PATH] = {};
     const UINT length = GetSystemDirectoryW(system, MAX_PATH);
     if (length == 0 || length >= MAX_PATH) return false;
-    const std::wstring program = std::wstring(system, length) + L"\\dxdiag.exe";
-    std::wstring command = L"\"" + program + L"\" /t \"" + Utf8ToWide(path) + L"\"";
+    const std::wstring folder(system, length);
+    const std::wstring program = folder + L"\\dxdiag.exe";
+    const std::wstring relative = WidePath(path);
+    if (relative.empty()) return false;
+    const DWORD needed = GetFullPathNameW(relative.c_str(), 0, nullptr, nullptr);
+    if (needed == 0) return false;
+    std::wstring report(needed, L'\0');
+    const DWORD written = GetFullPathNameW(relative.c_str(), needed, report.data(), nullptr);
+    if (written == 0 || written >= needed) return false;
+    report.resize(written);
+    std::wstring command = L"\"" + program + L"\" /t \"" + report + L"\"";
     STARTUPINFOW startup{};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESHOWWINDOW;
     startup.wShowWindow = SW_HIDE;
     PROCESS_INFORMATION process{};
     if (!CreateProcessW(program.c_str(), command.data(), nullptr, nullptr, FALSE, 0, nullptr,
-                        nullptr, &startup, &process)) {
+                        folder.c_str(), &startup, &process)) {
         return false;
     }
     CloseHandle(process.hThread);

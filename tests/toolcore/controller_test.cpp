@@ -537,3 +537,19 @@ TEST_F(Controller, CreatedFilesNeverFollowPlantedLinks) {
     }
 #endif
 }
+
+// A quotation mark in the report's folder would end the path's argument on
+// the Windows tool's command line and pass the rest on as options: the
+// request is refused with a line, and nothing is started or written.
+TEST_F(Controller, SystemReportRefusesAFolderWithAQuotationMark) {
+    const std::string folder = "reports\" /s \"x";
+    ASSERT_NO_FATAL_FAILURE(Init("CurrentFolderName=" + folder + "\n"));
+    EXPECT_EQ(core_.SaveSystemReport(), 1);
+    EXPECT_FALSE(core_.m_systemReportBusy);
+    EXPECT_EQ(korvsdk_test::MessageLog::Count("The system report's folder name contains a "
+                                              "quotation mark (\"); no report was started.\n"),
+              1);
+    for (const fs::path& file : {fs::u8path(folder) / "dxdiagData_full.txt",
+                                fs::u8path(folder) / "dxdiagData.txt"})
+        EXPECT_FALSE(fs::exists(file)) << file;
+}

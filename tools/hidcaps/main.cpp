@@ -28,6 +28,7 @@
 
 #include "hid/descriptor/hidp.h"
 #include "hid/descriptor/report_descriptor.h"
+#include "platform/program_dll_search.h"
 
 namespace {
 
@@ -103,6 +104,7 @@ void Print(const TopLevelCollection& tlc) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    VideoConsoleCore::platform::RestrictProgramDllSearch();
     std::optional<Selection> selection;
     const char* file = nullptr;
     for (int i = 1; i < argc; ++i) {

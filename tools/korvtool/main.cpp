@@ -21,6 +21,7 @@
 #include "errors.h"
 #include "history.h"
 #include "make_image.h"
+#include "platform/program_dll_search.h"
 #include "safe_text.h"
 #include "session.h"
 #include "update.h"
@@ -471,6 +472,7 @@ std::function<CommandResult(Session&)> PrepareCommand(const CommandLine& cli,
 }  // namespace
 
 int main(int argc, char** argv) {
+    VideoConsoleCore::platform::RestrictProgramDllSearch();
     CommandLine cli;
     try {
         cli.app.parse(argc, argv);

@@ -1,6 +1,7 @@
 #include "standin_route.h"
 
 #include <cstring>
+#include <utility>
 #include <stdexcept>
 #include <string>
 
@@ -49,12 +50,26 @@ void Replace(ULONG_PTR& slot, ULONG_PTR value) {
 
 void RouteToStandIns(HMODULE module) {
     if (module == nullptr) throw std::runtime_error("no module to route");
-    HMODULE standIn = GetModuleHandleW(L"hid.dll");
-    if (standIn == nullptr) throw std::runtime_error("hid.dll is not loaded");
+    // Loaded as the library loads them: from the system folder only.
+    HMODULE standIn = LoadLibraryExW(L"hid.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+    if (standIn == nullptr) throw std::runtime_error("hid.dll is not in the system folder");
     g_hubControl = reinterpret_cast<HubControlFunction>(
         reinterpret_cast<void (*)()>(GetProcAddress(standIn, "StandIn_HubDeviceIoControl")));
-    if (g_hubControl == nullptr)
-        throw std::runtime_error("the loaded hid.dll is not the stand-in (check WINEDLLOVERRIDES)");
+    if (g_hubControl == nullptr) {
+        throw std::runtime_error(
+            "the system folder's hid.dll is not the stand-in (check WINEDLLOVERRIDES and the "
+            "wine_standins_install step)");
+    }
+    for (const auto& [dll, function] : {std::pair{L"setupapi.dll", "SetupDiGetClassDevsW"},
+                                        std::pair{L"cfgmgr32.dll", "CM_Get_Device_IDW"}}) {
+        HMODULE library = LoadLibraryExW(dll, nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+        const auto found = reinterpret_cast<const void*>(
+            library != nullptr ? GetProcAddress(library, function) : nullptr);
+        if (found == nullptr || ModuleAt(found) != standIn) {
+            throw std::runtime_error(std::string(function) +
+                                     " of the system folder does not reach the stand-in hid.dll");
+        }
+    }
 
     auto* base = reinterpret_cast<unsigned char*>(module);
     const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(base);

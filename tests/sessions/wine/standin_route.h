@@ -1,12 +1,13 @@
 // Puts a loaded module in front of the stand-in system libraries.
 //
-// Its imports from hid.dll, setupapi.dll and cfgmgr32.dll already reach the
-// stand-ins when Wine loads them (WINEDLLOVERRIDES=...=n and the DLLs beside
-// the test program); this checks that every one of them does. Its import of
-// kernel32's DeviceIoControl cannot be replaced by a DLL: its slot in the
-// module's import address table is pointed at a function that lets the
-// stand-in hid.dll answer the hub IOCTLs on its own controller and hub
-// files, and passes everything else on to kernel32.
+// The library loads hid.dll, setupapi.dll and cfgmgr32.dll from the system
+// folder, where the test set-up puts the stand-ins (WINEDLLOVERRIDES=...=n,b
+// makes Wine prefer them to its own); this checks that those look-ups, and
+// every function the module imports from the three, reach the stand-ins.
+// Its import of kernel32's DeviceIoControl cannot be replaced by a DLL: its
+// slot in the module's import address table is pointed at a function that
+// lets the stand-in hid.dll answer the hub IOCTLs on its own controller and
+// hub files, and passes everything else on to kernel32.
 #pragma once
 
 #ifndef NOMINMAX
@@ -16,10 +17,11 @@
 
 namespace korvsdk_test {
 
-// Throws std::runtime_error when the stand-in hid.dll is not loaded, when a
-// function the module imports from one of the three system libraries
-// resolves anywhere but into it, or when the module does not import
-// DeviceIoControl. Routing a module twice changes nothing.
+// Throws std::runtime_error when the system folder's hid.dll is not the
+// stand-in, when setupapi.dll or cfgmgr32.dll of the system folder, or a
+// function the module imports from one of the three, resolves anywhere but
+// into it, or when the module does not import DeviceIoControl. Routing a
+// module twice changes nothing.
 void RouteToStandIns(HMODULE module);
 
 }  // namespace korvsdk_test

@@ -1,6 +1,6 @@
 #include "hid/backend/windows/win_util.h"
 
-#include <cfgmgr32.h>
+#include "hid/backend/windows/system_functions.h"
 
 #include <climits>
 #include <cstddef>
@@ -74,7 +74,8 @@ void ScopedHandle::Reset() {
 }
 
 ScopedDevInfo::~ScopedDevInfo() {
-    if (Valid()) SetupDiDestroyDeviceInfoList(set_);
+    const auto destroy = System().SetupDiDestroyDeviceInfoList;
+    if (Valid() && destroy != nullptr) destroy(set_);
 }
 
 namespace {
@@ -83,8 +84,10 @@ namespace {
 // into a buffer of exactly that size. "" when either step fails.
 std::wstring InterfacePath(HDEVINFO set, SP_DEVICE_INTERFACE_DATA& interfaceData,
                            SP_DEVINFO_DATA& device) {
+    const auto getDetail = System().SetupDiGetDeviceInterfaceDetailW;
+    if (getDetail == nullptr) return std::wstring();
     DWORD required = 0;
-    SetupDiGetDeviceInterfaceDetailW(set, &interfaceData, nullptr, 0, &required, nullptr);
+    getDetail(set, &interfaceData, nullptr, 0, &required, nullptr);
     constexpr DWORD kHeader = offsetof(SP_DEVICE_INTERFACE_DETAIL_DATA_W, DevicePath);
     if (required <= kHeader) return std::wstring();
 
@@ -93,8 +96,7 @@ std::wstring InterfacePath(HDEVINFO set, SP_DEVICE_INTERFACE_DATA& interfaceData
     auto* detail = reinterpret_cast<SP_DEVICE_INTERFACE_DETAIL_DATA_W*>(storage.data());
     // cbSize is the size of the fixed record, not of the buffer.
     detail->cbSize = sizeof(SP_DEVICE_INTERFACE_DETAIL_DATA_W);
-    if (!SetupDiGetDeviceInterfaceDetailW(set, &interfaceData, detail, required, nullptr,
-                                          &device)) {
+    if (!getDetail(set, &interfaceData, detail, required, nullptr, &device)) {
         return std::wstring();
     }
     return WideFromBuffer(reinterpret_cast<const unsigned char*>(detail) + kHeader,
@@ -105,15 +107,20 @@ std::wstring InterfacePath(HDEVINFO set, SP_DEVICE_INTERFACE_DATA& interfaceData
 
 InterfaceWalk ForEachPresentInterface(const GUID& interfaceClass,
                                       const std::function<bool(const PresentInterface&)>& visit) {
-    ScopedDevInfo set(
-        SetupDiGetClassDevsW(&interfaceClass, nullptr, nullptr, DIGCF_PRESENT | DIGCF_DEVICEINTERFACE));
+    const SystemFunctions& system = System();
+    if (system.SetupDiGetClassDevsW == nullptr || system.SetupDiEnumDeviceInterfaces == nullptr ||
+        system.SetupDiDestroyDeviceInfoList == nullptr) {
+        return InterfaceWalk::kFailed;
+    }
+    ScopedDevInfo set(system.SetupDiGetClassDevsW(&interfaceClass, nullptr, nullptr,
+                                                  DIGCF_PRESENT | DIGCF_DEVICEINTERFACE));
     if (!set.Valid()) return InterfaceWalk::kFailed;
 
     for (DWORD index = 0;; ++index) {
         SP_DEVICE_INTERFACE_DATA interfaceData{};
         interfaceData.cbSize = sizeof(interfaceData);
-        if (!SetupDiEnumDeviceInterfaces(set.Get(), nullptr, &interfaceClass, index,
-                                         &interfaceData)) {
+        if (!system.SetupDiEnumDeviceInterfaces(set.Get(), nullptr, &interfaceClass, index,
+                                                &interfaceData)) {
             return GetLastError() == ERROR_NO_MORE_ITEMS ? InterfaceWalk::kCompleted
                                                          : InterfaceWalk::kFailed;
         }
@@ -130,7 +137,8 @@ std::wstring DeviceInstanceId(DWORD devInst) {
     // room, and one more element keeps a terminator whatever is written.
     constexpr ULONG kCapacity = 260;
     wchar_t id[kCapacity + 1] = {};
-    if (CM_Get_Device_IDW(devInst, id, kCapacity, 0) != CR_SUCCESS) return std::wstring();
+    const auto getId = System().CM_Get_Device_IDW;
+    if (getId == nullptr || getId(devInst, id, kCapacity, 0) != CR_SUCCESS) return std::wstring();
     return std::wstring(id, wcsnlen(id, kCapacity));
 }
 

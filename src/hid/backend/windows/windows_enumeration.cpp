@@ -2,15 +2,11 @@
 // manager), HID interface paths, and the USB port level of one device.
 #include "hid/backend/windows/windows_hid_backend.h"
 
+#include "hid/backend/windows/system_functions.h"
 #include "hid/backend/windows/usb_port_map.h"
 #include "hid/backend/windows/win_util.h"
 
-#include <cfgmgr32.h>
 #include <devpropdef.h>
-
-extern "C" {
-#include <hidsdi.h>
-}
 
 #include <vector>
 
@@ -23,24 +19,11 @@ namespace {
 constexpr DEVPROPKEY kBusReportedDeviceDesc = {
     {0x540b947e, 0x8b40, 0x45bc, {0xa8, 0xa2, 0x6a, 0x0b, 0x89, 0x4c, 0xbd, 0xa2}}, 4};
 
-using GetDevicePropertyFn = decltype(&SetupDiGetDevicePropertyW);
-
-// SetupDiGetDevicePropertyW is looked up rather than imported: a SetupAPI
-// without it (Windows before Vista) then only costs the descriptions.
-GetDevicePropertyFn DevicePropertyFunction() {
-    static const GetDevicePropertyFn function = []() -> GetDevicePropertyFn {
-        HMODULE module = LoadLibraryW(L"Setupapi.dll");
-        if (module == nullptr) return nullptr;
-        return reinterpret_cast<GetDevicePropertyFn>(reinterpret_cast<void (*)()>(
-            GetProcAddress(module, "SetupDiGetDevicePropertyW")));
-    }();
-    return function;
-}
-
 // A string device property, "" when absent or not a string. Size query
-// first, then a buffer of the reported size.
+// first, then a buffer of the reported size. SetupDiGetDevicePropertyW is
+// missing before Vista: the descriptions are then all "".
 std::wstring StringProperty(HDEVINFO set, SP_DEVINFO_DATA& device, const DEVPROPKEY& key) {
-    const GetDevicePropertyFn getProperty = DevicePropertyFunction();
+    const auto getProperty = win::System().SetupDiGetDevicePropertyW;
     if (getProperty == nullptr) return std::wstring();
     DEVPROPTYPE type = 0;
     DWORD required = 0;
@@ -61,14 +44,15 @@ std::wstring StringProperty(HDEVINFO set, SP_DEVINFO_DATA& device, const DEVPROP
 // SPDRP_DRIVER: the device's driver key, the name the hub driver also
 // reports for the port the device sits on.
 std::wstring DriverKey(HDEVINFO set, SP_DEVINFO_DATA& device) {
+    const auto getProperty = win::System().SetupDiGetDeviceRegistryPropertyW;
+    if (getProperty == nullptr) return std::wstring();
     DWORD type = 0;
     DWORD required = 0;
-    SetupDiGetDeviceRegistryPropertyW(set, &device, SPDRP_DRIVER, &type, nullptr, 0, &required);
+    getProperty(set, &device, SPDRP_DRIVER, &type, nullptr, 0, &required);
     if (GetLastError() != ERROR_INSUFFICIENT_BUFFER || required == 0) return std::wstring();
     std::vector<BYTE> buffer(required, 0);
     DWORD written = 0;
-    if (!SetupDiGetDeviceRegistryPropertyW(set, &device, SPDRP_DRIVER, &type, buffer.data(),
-                                           required, &written) ||
+    if (!getProperty(set, &device, SPDRP_DRIVER, &type, buffer.data(), required, &written) ||
         type != REG_SZ) {
         return std::wstring();
     }
@@ -80,15 +64,20 @@ std::wstring DriverKey(HDEVINFO set, SP_DEVINFO_DATA& device) {
 bool WindowsHidBackend::EnumerateUsbDevices(std::vector<UsbDeviceInfo>& devices) {
     // Every present device node of the USB enumerator, whatever its class:
     // whole devices and the interface nodes of composite devices.
+    const win::SystemFunctions& system = win::System();
+    if (system.SetupDiGetClassDevsW == nullptr || system.SetupDiEnumDeviceInfo == nullptr ||
+        system.SetupDiDestroyDeviceInfoList == nullptr) {
+        return false;
+    }
     win::ScopedDevInfo set(
-        SetupDiGetClassDevsW(nullptr, L"USB", nullptr, DIGCF_PRESENT | DIGCF_ALLCLASSES));
+        system.SetupDiGetClassDevsW(nullptr, L"USB", nullptr, DIGCF_PRESENT | DIGCF_ALLCLASSES));
     if (!set.Valid()) return false;
 
     std::vector<UsbDeviceInfo> found;
     for (DWORD index = 0;; ++index) {
         SP_DEVINFO_DATA device{};
         device.cbSize = sizeof(device);
-        if (!SetupDiEnumDeviceInfo(set.Get(), index, &device)) break;
+        if (!system.SetupDiEnumDeviceInfo(set.Get(), index, &device)) break;
         UsbDeviceInfo info;
         info.instanceId = win::WideToUtf8(win::DeviceInstanceId(device.DevInst));
         if (info.instanceId.empty()) continue;
@@ -101,8 +90,10 @@ bool WindowsHidBackend::EnumerateUsbDevices(std::vector<UsbDeviceInfo>& devices)
 }
 
 bool WindowsHidBackend::EnumerateHidInterfaces(std::vector<std::string>& paths) {
+    const auto getHidGuid = win::System().HidD_GetHidGuid;
+    if (getHidGuid == nullptr) return false;
     GUID hidClass{};
-    HidD_GetHidGuid(&hidClass);
+    getHidGuid(&hidClass);
     std::vector<std::string> found;
     const win::InterfaceWalk walk =
         win::ForEachPresentInterface(hidClass, [&](const win::PresentInterface& item) {

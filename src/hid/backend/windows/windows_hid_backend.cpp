@@ -1,16 +1,15 @@
-// hid.dll behind the HidBackend table. Records cross by reinterpret_cast:
-// hid_types.h lays them out as hidsdi.h / hidpi.h do, which the static
-// asserts below hold to. Counts the interface passes as uint32_t& cross
+// hid.dll behind the HidBackend table: each operation calls the function
+// of the system folder's hid.dll (system_functions.h). One the system lacks
+// fails as a failed call would: HidD_ false with ERROR_PROC_NOT_FOUND,
+// HidP_ HIDP_STATUS_NOT_IMPLEMENTED, a list length 0. Records cross by
+// reinterpret_cast: hid_types.h lays them out as hidsdi.h / hidpi.h do,
+// which the static asserts below hold to. Counts the interface passes as uint32_t& cross
 // through a local ULONG: on Windows ULONG is `unsigned long`, a different
 // type from uint32_t (`unsigned int`) even at the same size.
 #include "hid/backend/windows/windows_hid_backend.h"
 
+#include "hid/backend/windows/system_functions.h"
 #include "hid/backend/windows/win_util.h"
-
-extern "C" {
-#include <hidsdi.h>
-#include <hidpi.h>
-}
 
 #include <cstddef>
 #include <type_traits>
@@ -97,6 +96,23 @@ HIDP_REPORT_TYPE T(int32_t type) { return static_cast<HIDP_REPORT_TYPE>(type); }
 PCHAR R(void* report) { return static_cast<PCHAR>(report); }
 NtStatus S(NTSTATUS status) { return static_cast<NtStatus>(status); }
 
+const win::SystemFunctions& Hid() { return win::System(); }
+
+template <typename Function, typename... Args>
+bool CallD(Function function, Args... args) {
+    if (function == nullptr) {
+        SetLastError(ERROR_PROC_NOT_FOUND);
+        return false;
+    }
+    return function(args...) != FALSE;
+}
+
+template <typename Function, typename... Args>
+NtStatus CallP(Function function, Args... args) {
+    if (function == nullptr) return kHidpStatusNotImplemented;
+    return S(function(args...));
+}
+
 }  // namespace
 
 WindowsHidBackend::WindowsHidBackend(std::wstring runtimeHidModule)
@@ -104,13 +120,13 @@ WindowsHidBackend::WindowsHidBackend(std::wstring runtimeHidModule)
 
 // ---- Run-time functions ---------------------------------------------------
 
-// The two functions are looked up rather than imported, so that the DLL
-// loads on a hid.dll that lacks them; then the two operations answer
-// HIDP_STATUS_NOT_IMPLEMENTED. The module stays loaded for the process's
-// life (hid.dll is imported by the library anyway).
+// The two functions are looked up on their own, in the module the backend
+// was made with (hid.dll of the system folder in the library): where they
+// are missing the two operations answer HIDP_STATUS_NOT_IMPLEMENTED. A
+// module that has them stays loaded for the process's life.
 void WindowsHidBackend::ResolveOnce() {
     std::call_once(resolveOnce_, [this] {
-        HMODULE module = LoadLibraryW(runtimeHidModule_.c_str());
+        HMODULE module = win::LoadSystemLibrary(runtimeHidModule_.c_str());
         if (module == nullptr) return;
         getExtendedAttributes_ =
             reinterpret_cast<RawFunction>(GetProcAddress(module, "HidP_GetExtendedAttributes"));
@@ -150,69 +166,78 @@ void WindowsHidBackend::Close(HidHandle handle) {
 
 // ---- HidD_ ------------------------------------------------------------------
 
-void WindowsHidBackend::GetHidGuid(Guid& guid) { HidD_GetHidGuid(reinterpret_cast<LPGUID>(&guid)); }
+void WindowsHidBackend::GetHidGuid(Guid& guid) {
+    if (Hid().HidD_GetHidGuid == nullptr) {
+        guid = Guid{};
+        return;
+    }
+    Hid().HidD_GetHidGuid(reinterpret_cast<LPGUID>(&guid));
+}
 
-bool WindowsHidBackend::FlushQueue(HidHandle handle) { return HidD_FlushQueue(H(handle)) != FALSE; }
+bool WindowsHidBackend::FlushQueue(HidHandle handle) {
+    return CallD(Hid().HidD_FlushQueue, H(handle));
+}
 
 bool WindowsHidBackend::GetAttributes(HidHandle handle, HiddAttributes& attributes) {
-    return HidD_GetAttributes(H(handle), reinterpret_cast<PHIDD_ATTRIBUTES>(&attributes)) != FALSE;
+    return CallD(Hid().HidD_GetAttributes, H(handle),
+                 reinterpret_cast<PHIDD_ATTRIBUTES>(&attributes));
 }
 
 bool WindowsHidBackend::SetFeature(HidHandle handle, void* buffer, uint32_t length) {
-    return HidD_SetFeature(H(handle), buffer, length) != FALSE;
+    return CallD(Hid().HidD_SetFeature, H(handle), buffer, length);
 }
 
 bool WindowsHidBackend::GetFeature(HidHandle handle, void* buffer, uint32_t length) {
-    return HidD_GetFeature(H(handle), buffer, length) != FALSE;
+    return CallD(Hid().HidD_GetFeature, H(handle), buffer, length);
 }
 
 bool WindowsHidBackend::GetInputReport(HidHandle handle, void* buffer, uint32_t length) {
-    return HidD_GetInputReport(H(handle), buffer, length) != FALSE;
+    return CallD(Hid().HidD_GetInputReport, H(handle), buffer, length);
 }
 
 bool WindowsHidBackend::SetOutputReport(HidHandle handle, void* buffer, uint32_t length) {
-    return HidD_SetOutputReport(H(handle), buffer, length) != FALSE;
+    return CallD(Hid().HidD_SetOutputReport, H(handle), buffer, length);
 }
 
 bool WindowsHidBackend::GetNumInputBuffers(HidHandle handle, uint32_t& count) {
     ULONG buffers = 0;
-    if (!HidD_GetNumInputBuffers(H(handle), &buffers)) return false;
+    if (!CallD(Hid().HidD_GetNumInputBuffers, H(handle), &buffers)) return false;
     count = buffers;
     return true;
 }
 
 bool WindowsHidBackend::SetNumInputBuffers(HidHandle handle, uint32_t count) {
-    return HidD_SetNumInputBuffers(H(handle), count) != FALSE;
+    return CallD(Hid().HidD_SetNumInputBuffers, H(handle), count);
 }
 
 bool WindowsHidBackend::GetPhysicalDescriptor(HidHandle handle, void* buffer, uint32_t length) {
-    return HidD_GetPhysicalDescriptor(H(handle), buffer, length) != FALSE;
+    return CallD(Hid().HidD_GetPhysicalDescriptor, H(handle), buffer, length);
 }
 
 bool WindowsHidBackend::GetManufacturerString(HidHandle handle, void* buffer, uint32_t length) {
-    return HidD_GetManufacturerString(H(handle), buffer, length) != FALSE;
+    return CallD(Hid().HidD_GetManufacturerString, H(handle), buffer, length);
 }
 
 bool WindowsHidBackend::GetProductString(HidHandle handle, void* buffer, uint32_t length) {
-    return HidD_GetProductString(H(handle), buffer, length) != FALSE;
+    return CallD(Hid().HidD_GetProductString, H(handle), buffer, length);
 }
 
 bool WindowsHidBackend::GetIndexedString(HidHandle handle, uint32_t index, void* buffer,
                                          uint32_t length) {
-    return HidD_GetIndexedString(H(handle), index, buffer, length) != FALSE;
+    return CallD(Hid().HidD_GetIndexedString, H(handle), index, buffer, length);
 }
 
 bool WindowsHidBackend::GetSerialNumberString(HidHandle handle, void* buffer, uint32_t length) {
-    return HidD_GetSerialNumberString(H(handle), buffer, length) != FALSE;
+    return CallD(Hid().HidD_GetSerialNumberString, H(handle), buffer, length);
 }
 
 bool WindowsHidBackend::GetMsGenreDescriptor(HidHandle handle, void* buffer, uint32_t length) {
-    return HidD_GetMsGenreDescriptor(H(handle), buffer, length) != FALSE;
+    return CallD(Hid().HidD_GetMsGenreDescriptor, H(handle), buffer, length);
 }
 
 bool WindowsHidBackend::GetPreparsedData(HidHandle handle, PreparsedData& data) {
     PHIDP_PREPARSED_DATA preparsed = nullptr;
-    if (!HidD_GetPreparsedData(H(handle), &preparsed)) return false;
+    if (!CallD(Hid().HidD_GetPreparsedData, H(handle), &preparsed)) return false;
     data = preparsed;
     return true;
 }
@@ -221,7 +246,7 @@ bool WindowsHidBackend::GetPreparsedData(HidHandle handle, PreparsedData& data) 
 // is refused here rather than handed over.
 bool WindowsHidBackend::FreePreparsedData(PreparsedData data) {
     if (data == nullptr) return false;
-    return HidD_FreePreparsedData(P(data)) != FALSE;
+    return CallD(Hid().HidD_FreePreparsedData, P(data));
 }
 
 // ---- ReadFile / WriteFile -------------------------------------------------
@@ -250,44 +275,43 @@ bool WindowsHidBackend::Write(HidHandle handle, const void* buffer, uint32_t len
 // ---- HidP_ ------------------------------------------------------------------
 
 NtStatus WindowsHidBackend::GetCaps(PreparsedData data, HidpCaps& caps) {
-    return S(HidP_GetCaps(P(data), reinterpret_cast<PHIDP_CAPS>(&caps)));
+    return CallP(Hid().HidP_GetCaps, P(data), reinterpret_cast<PHIDP_CAPS>(&caps));
 }
 
 NtStatus WindowsHidBackend::GetButtonCaps(int32_t type, HidpButtonCaps* caps, uint16_t& length,
                                           PreparsedData data) {
-    return S(HidP_GetButtonCaps(T(type), reinterpret_cast<PHIDP_BUTTON_CAPS>(caps), &length,
-                                P(data)));
+    return CallP(Hid().HidP_GetButtonCaps, T(type), reinterpret_cast<PHIDP_BUTTON_CAPS>(caps),
+                 &length, P(data));
 }
 
 NtStatus WindowsHidBackend::GetSpecificButtonCaps(int32_t type, Usage page, uint16_t link,
                                                   Usage usage, HidpButtonCaps* caps,
                                                   uint16_t& length, PreparsedData data) {
-    return S(HidP_GetSpecificButtonCaps(T(type), page, link, usage,
-                                        reinterpret_cast<PHIDP_BUTTON_CAPS>(caps), &length,
-                                        P(data)));
+    return CallP(Hid().HidP_GetSpecificButtonCaps, T(type), page, link, usage,
+                 reinterpret_cast<PHIDP_BUTTON_CAPS>(caps), &length, P(data));
 }
 
 NtStatus WindowsHidBackend::GetValueCaps(int32_t type, HidpValueCaps* caps, uint16_t& length,
                                          PreparsedData data) {
-    return S(HidP_GetValueCaps(T(type), reinterpret_cast<PHIDP_VALUE_CAPS>(caps), &length,
-                               P(data)));
+    return CallP(Hid().HidP_GetValueCaps, T(type), reinterpret_cast<PHIDP_VALUE_CAPS>(caps),
+                 &length, P(data));
 }
 
 NtStatus WindowsHidBackend::GetSpecificValueCaps(int32_t type, Usage page, uint16_t link,
                                                  Usage usage, HidpValueCaps* caps,
                                                  uint16_t& length, PreparsedData data) {
-    return S(HidP_GetSpecificValueCaps(T(type), page, link, usage,
-                                       reinterpret_cast<PHIDP_VALUE_CAPS>(caps), &length,
-                                       P(data)));
+    return CallP(Hid().HidP_GetSpecificValueCaps, T(type), page, link, usage,
+                 reinterpret_cast<PHIDP_VALUE_CAPS>(caps), &length, P(data));
 }
 
 NtStatus WindowsHidBackend::GetLinkCollectionNodes(HidpLinkCollectionNode* nodes,
                                                    uint32_t& length, PreparsedData data) {
     ULONG count = length;
-    const NTSTATUS status = HidP_GetLinkCollectionNodes(
-        reinterpret_cast<PHIDP_LINK_COLLECTION_NODE>(nodes), &count, P(data));
+    const NtStatus status =
+        CallP(Hid().HidP_GetLinkCollectionNodes,
+              reinterpret_cast<PHIDP_LINK_COLLECTION_NODE>(nodes), &count, P(data));
     length = count;
-    return S(status);
+    return status;
 }
 
 NtStatus WindowsHidBackend::GetExtendedAttributes(int32_t type, uint16_t dataIndex,
@@ -315,119 +339,122 @@ NtStatus WindowsHidBackend::InitializeReportForID(int32_t type, uint8_t reportId
 }
 
 uint32_t WindowsHidBackend::MaxDataListLength(int32_t type, PreparsedData data) {
-    return HidP_MaxDataListLength(T(type), P(data));
+    const auto function = Hid().HidP_MaxDataListLength;
+    return function != nullptr ? function(T(type), P(data)) : 0;
 }
 
 uint32_t WindowsHidBackend::MaxUsageListLength(int32_t type, Usage page, PreparsedData data) {
-    return HidP_MaxUsageListLength(T(type), page, P(data));
+    const auto function = Hid().HidP_MaxUsageListLength;
+    return function != nullptr ? function(T(type), page, P(data)) : 0;
 }
 
 NtStatus WindowsHidBackend::GetData(int32_t type, HidpData* list, uint32_t& length,
                                     PreparsedData data, void* report, uint32_t reportLength) {
     ULONG count = length;
-    const NTSTATUS status = HidP_GetData(T(type), reinterpret_cast<PHIDP_DATA>(list), &count,
-                                         P(data), R(report), reportLength);
+    const NtStatus status = CallP(Hid().HidP_GetData, T(type), reinterpret_cast<PHIDP_DATA>(list),
+                                  &count, P(data), R(report), reportLength);
     length = count;
-    return S(status);
+    return status;
 }
 
 NtStatus WindowsHidBackend::SetData(int32_t type, HidpData* list, uint32_t& length,
                                     PreparsedData data, void* report, uint32_t reportLength) {
     ULONG count = length;
-    const NTSTATUS status = HidP_SetData(T(type), reinterpret_cast<PHIDP_DATA>(list), &count,
-                                         P(data), R(report), reportLength);
+    const NtStatus status = CallP(Hid().HidP_SetData, T(type), reinterpret_cast<PHIDP_DATA>(list),
+                                  &count, P(data), R(report), reportLength);
     length = count;
-    return S(status);
+    return status;
 }
 
 NtStatus WindowsHidBackend::GetUsages(int32_t type, Usage page, uint16_t link, Usage* list,
                                       uint32_t& length, PreparsedData data, void* report,
                                       uint32_t reportLength) {
     ULONG count = length;
-    const NTSTATUS status =
-        HidP_GetUsages(T(type), page, link, list, &count, P(data), R(report), reportLength);
+    const NtStatus status = CallP(Hid().HidP_GetUsages, T(type), page, link, list, &count, P(data),
+                                  R(report), reportLength);
     length = count;
-    return S(status);
+    return status;
 }
 
 NtStatus WindowsHidBackend::GetUsagesEx(int32_t type, uint16_t link, UsageAndPage* list,
                                         uint32_t& length, PreparsedData data, void* report,
                                         uint32_t reportLength) {
     ULONG count = length;
-    const NTSTATUS status = HidP_GetUsagesEx(T(type), link, reinterpret_cast<PUSAGE_AND_PAGE>(list),
-                                             &count, P(data), R(report), reportLength);
+    const NtStatus status =
+        CallP(Hid().HidP_GetUsagesEx, T(type), link, reinterpret_cast<PUSAGE_AND_PAGE>(list),
+              &count, P(data), R(report), reportLength);
     length = count;
-    return S(status);
+    return status;
 }
 
 NtStatus WindowsHidBackend::SetUsages(int32_t type, Usage page, uint16_t link, Usage* list,
                                       uint32_t& length, PreparsedData data, void* report,
                                       uint32_t reportLength) {
     ULONG count = length;
-    const NTSTATUS status =
-        HidP_SetUsages(T(type), page, link, list, &count, P(data), R(report), reportLength);
+    const NtStatus status = CallP(Hid().HidP_SetUsages, T(type), page, link, list, &count, P(data),
+                                  R(report), reportLength);
     length = count;
-    return S(status);
+    return status;
 }
 
 NtStatus WindowsHidBackend::UnsetUsages(int32_t type, Usage page, uint16_t link, Usage* list,
                                         uint32_t& length, PreparsedData data, void* report,
                                         uint32_t reportLength) {
     ULONG count = length;
-    const NTSTATUS status =
-        HidP_UnsetUsages(T(type), page, link, list, &count, P(data), R(report), reportLength);
+    const NtStatus status = CallP(Hid().HidP_UnsetUsages, T(type), page, link, list, &count,
+                                  P(data), R(report), reportLength);
     length = count;
-    return S(status);
+    return status;
 }
 
 // hid.dll declares the two input lists non-const but only reads them.
 NtStatus WindowsHidBackend::UsageListDifference(const Usage* previous, const Usage* current,
                                                 Usage* breaks, Usage* makes, uint32_t length) {
-    return S(HidP_UsageListDifference(const_cast<PUSAGE>(previous), const_cast<PUSAGE>(current),
-                                      breaks, makes, length));
+    return CallP(Hid().HidP_UsageListDifference, const_cast<PUSAGE>(previous),
+                 const_cast<PUSAGE>(current), breaks, makes, length);
 }
 
 NtStatus WindowsHidBackend::GetUsageValue(int32_t type, Usage page, uint16_t link, Usage usage,
                                           uint32_t& value, PreparsedData data, void* report,
                                           uint32_t reportLength) {
     ULONG result = value;
-    const NTSTATUS status = HidP_GetUsageValue(T(type), page, link, usage, &result, P(data),
-                                               R(report), reportLength);
+    const NtStatus status = CallP(Hid().HidP_GetUsageValue, T(type), page, link, usage, &result,
+                                  P(data), R(report), reportLength);
     value = result;
-    return S(status);
+    return status;
 }
 
 NtStatus WindowsHidBackend::GetScaledUsageValue(int32_t type, Usage page, uint16_t link,
                                                 Usage usage, int32_t& value, PreparsedData data,
                                                 void* report, uint32_t reportLength) {
     LONG result = value;
-    const NTSTATUS status = HidP_GetScaledUsageValue(T(type), page, link, usage, &result, P(data),
-                                                     R(report), reportLength);
+    const NtStatus status = CallP(Hid().HidP_GetScaledUsageValue, T(type), page, link, usage,
+                                  &result, P(data), R(report), reportLength);
     value = result;
-    return S(status);
+    return status;
 }
 
 NtStatus WindowsHidBackend::SetUsageValue(int32_t type, Usage page, uint16_t link, Usage usage,
                                           uint32_t value, PreparsedData data, void* report,
                                           uint32_t reportLength) {
-    return S(HidP_SetUsageValue(T(type), page, link, usage, value, P(data), R(report),
-                                reportLength));
+    return CallP(Hid().HidP_SetUsageValue, T(type), page, link, usage, value, P(data), R(report),
+                 reportLength);
 }
 
 NtStatus WindowsHidBackend::GetUsageValueArray(int32_t type, Usage page, uint16_t link,
                                                Usage usage, void* values, uint16_t valuesLength,
                                                PreparsedData data, void* report,
                                                uint32_t reportLength) {
-    return S(HidP_GetUsageValueArray(T(type), page, link, usage, static_cast<PCHAR>(values),
-                                     valuesLength, P(data), R(report), reportLength));
+    return CallP(Hid().HidP_GetUsageValueArray, T(type), page, link, usage,
+                 static_cast<PCHAR>(values), valuesLength, P(data), R(report), reportLength);
 }
 
 NtStatus WindowsHidBackend::SetUsageValueArray(int32_t type, Usage page, uint16_t link,
                                                Usage usage, void* values, uint16_t valuesLength,
                                                PreparsedData data, void* report,
                                                uint32_t reportLength) {
-    return S(HidP_SetUsageValueArray(T(type), page, link, usage, static_cast<PCHAR>(values),
-                                     valuesLength, P(data), R(report), reportLength));
+    return CallP(Hid().HidP_SetUsageValueArray, T(type), page, link, usage,
+                 static_cast<PCHAR>(values), valuesLength, P(data), R(report), reportLength);
 }
 
 std::unique_ptr<HidBackend> CreatePlatformHidBackend() {

@@ -12,9 +12,9 @@ namespace VideoConsoleCore::hid {
 
 class WindowsHidBackend : public HidBackend {
 public:
-    // `runtimeHidModule` is the DLL that ResolveRuntimeHidFunctions loads:
-    // "HID.DLL" in the library; a test names another module to see the
-    // behaviour when the two functions are missing.
+    // `runtimeHidModule` is the DLL that ResolveRuntimeHidFunctions loads
+    // from the system folder: "HID.DLL" in the library; a test names another
+    // module to see the behaviour when the two functions are missing.
     explicit WindowsHidBackend(std::wstring runtimeHidModule = L"HID.DLL");
 
     const char* Name() const override { return "windows"; }
