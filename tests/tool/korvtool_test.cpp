@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "KORVSDKDeviceTool.h"
 #include "run_process.h"
@@ -594,7 +595,7 @@ TEST_F(KorvtoolUpdate, BackupReplugConfirmationAndHistory) {
     }
     EXPECT_EQ(steps, (std::vector<std::string>{"start backup", "end ReadCompleted", "start usb",
                                                "end UpdateCompleted", "replug ",
-                                               "confirmed 01.00.02.00"}));
+                                               "confirmed 01.00.02.00.0000"}));
     EXPECT_TRUE(std::filesystem::exists(WorkFolder() / "backup.hex"));
     for (const auto& entry : std::filesystem::directory_iterator(WorkFolder())) {
         EXPECT_EQ(entry.path().filename().string().rfind("backup.hex.part", 0), std::string::npos)
@@ -621,9 +622,25 @@ TEST_F(KorvtoolUpdate, BackupReplugConfirmationAndHistory) {
     for (const json& entry : history["entries"])
         entries.push_back(entry["kind"].get<std::string>() + " " + entry["result"].get<std::string>() +
                           " " + entry.value("version_after", "-"));
-    EXPECT_EQ(entries, (std::vector<std::string>{"backup completed -", "usb confirmed 01.00.02.00",
-                                                 "mcu confirmed 0d.18.00.010000",
-                                                 "usb not confirmed -", "usb completed -"}));
+    EXPECT_EQ(entries, (std::vector<std::string>{"backup completed -",
+                                                 "usb confirmed 01.00.02.00.0000",
+                                                 "mcu confirmed 0d.18", "usb not confirmed -",
+                                                 "usb completed -"}));
+    // One form for each kind of version, in every field and in info.
+    const std::regex form[] = {std::regex(R"(\d\d(\.\d\d){3}\.\d{4})"),
+                               std::regex("[0-9a-f]{2}\\.[0-9a-f]{2}")};
+    for (const json& entry : history["entries"]) {
+        if (entry["kind"] == "backup") continue;
+        for (const char* key : {"version_before", "file_version", "version_after"}) {
+            if (!entry.contains(key)) continue;
+            EXPECT_TRUE(std::regex_match(entry[key].get<std::string>(), form[entry["kind"] == "mcu"]))
+                << key << " " << entry.dump();
+        }
+    }
+    const json info = Json(Run({"--virtual", "--json", "info"}));
+    EXPECT_TRUE(std::regex_match(info["usb_firmware"].get<std::string>(), form[0])) << info.dump();
+    EXPECT_TRUE(std::regex_match(info["mcu_firmware"].get<std::string>(), form[1])) << info.dump();
+    EXPECT_EQ(Json(Run({"--json", "make-image", "mcu", "other.bin"}))["version"], "0d.18");
     result = Run({"history"});
     EXPECT_EQ(Lines(result.out).size(), 6u) << result.out;
     EXPECT_EQ(result.out.rfind("TIME (UTC)", 0), 0u) << result.out;

@@ -160,6 +160,20 @@ TEST(DeviceLock, OneHolderAtATime) {
 // What a device or a file says, as korvtool prints it: control characters
 // (C0, DEL, C1 as UTF-8) and bytes that are not UTF-8 escaped, the rest
 // kept; as JSON, valid with the same characters, bytes that are not UTF-8
+// The microcontroller's version texts, as the library gives them for an
+// image and for the device, split into korvtool's "tt.vv" and the rest.
+TEST(McuVersionText, SplitsTypeAndVersionFromTheRest) {
+    const std::pair<const char*, const char*> good[] = {
+        {"0d.18.00", "0d.18 00"}, {"05.17.00.010000", "05.17 00010000"}, {"0A.ff", "0A.ff "}};
+    for (const auto& [text, expected] : good) {
+        const auto split = SplitMcuVersion(text);
+        ASSERT_TRUE(split) << text;
+        EXPECT_EQ(split->version + " " + split->detail, expected);
+    }
+    for (const char* text : {"", "0d.1", "0d-18", "0d.18x", "0d.18.0g", "MCU Firmware read failed"})
+        EXPECT_FALSE(SplitMcuVersion(text)) << text;
+}
+
 // replaced, and no raw DEL or C1 in the text.
 TEST(SafeText, EscapesControlsAndBytesThatAreNotUtf8) {
     const std::string replacement = "\xef\xbf\xbd";

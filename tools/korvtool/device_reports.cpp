@@ -150,4 +150,18 @@ std::string HexBytes(const std::vector<uint8_t>& bytes) {
     return text;
 }
 
+std::optional<McuVersion> SplitMcuVersion(const std::string& text) {
+    const auto hex = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; };
+    if (text.size() < 5 || !hex(text[0]) || !hex(text[1]) || text[2] != '.' || !hex(text[3]) ||
+        !hex(text[4]) || (text.size() > 5 && text[5] != '.'))
+        return std::nullopt;
+    McuVersion split{text.substr(0, 5), ""};
+    for (size_t i = 6; i < text.size(); ++i) {
+        if (text[i] == '.') continue;
+        if (!hex(text[i])) return std::nullopt;
+        split.detail += text[i];
+    }
+    return split;
+}
+
 }  // namespace korvtool

@@ -38,6 +38,17 @@ std::optional<McuInfo> ParseMcuInfo(const std::string& text);
 
 const char* EdidVerdictName(EdidVerdict verdict);
 
+// korvtool names a microcontroller firmware version in one form everywhere:
+// "tt.vv", the device type and the version number as two hex digits each.
+// That is what a program image ("tt.vv.cc", cc its codec) and the running
+// microcontroller ("tt.vv.bb.bbbbbb", b its board variant) have in common;
+// the rest is returned as `detail` without its dots ("cc", "bbbbbbbb").
+struct McuVersion {
+    std::string version;
+    std::string detail;
+};
+std::optional<McuVersion> SplitMcuVersion(const std::string& text);
+
 // Bytes as lower-case hexadecimal pairs separated by blanks.
 std::string HexBytes(const std::vector<uint8_t>& bytes);
 

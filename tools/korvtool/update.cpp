@@ -12,6 +12,7 @@
 #include <optional>
 #include <thread>
 
+#include "device_reports.h"
 #include "errors.h"
 #include "history.h"
 #include "safe_text.h"
@@ -227,14 +228,23 @@ std::string BackUp(Session& session, FirmwareCallback& callback, const DeviceInf
     }
 }
 
-// The version the device runs, as the image names it: USB "xx.xx.xx.xx"
-// (the bridge's running-version registers; the image's text carries a
-// build number after it), MCU the version number, characters 3-4 of
-// "tt.vv...".
+// A firmware version the library gave, in korvtool's one form for its
+// kind: USB the 16-character text a flash image carries and the device
+// keeps in its flash, as it comes; MCU "tt.vv" (SplitMcuVersion). A text of
+// another shape is kept as it came.
+std::string VersionForm(const std::string& text, bool mcu) {
+    if (!mcu) return text;
+    const std::optional<McuVersion> split = SplitMcuVersion(text);
+    return split ? split->version : text;
+}
+
+// The version the device runs, for comparing with the image's: USB
+// "xx.xx.xx.xx" (the bridge's running-version registers, which the image's
+// text begins with), MCU "tt.vv".
 std::string RunningVersion(Session& session, bool mcu) {
     session.BeginCall();
     const std::string text = TakeText(mcu ? KORVSDK_Get_MCU_FW_Ver() : KORVSDK_Get_USB_FW_Ver());
-    return mcu ? text : session.RunningUsbVersion();
+    return mcu ? VersionForm(text, true) : session.RunningUsbVersion();
 }
 
 bool RunsVersion(const std::string& running, const std::string& fileVersion, bool mcu) {
@@ -283,6 +293,13 @@ std::string ConfirmAfterReplug(Session& session, const DeviceInfo& device, const
                 session.Select(same);
                 seen = RunningVersion(session, request.mcu);
                 if (RunsVersion(seen, fileVersion, request.mcu)) {
+                    // Said as every other USB version: the text the device
+                    // keeps in its flash, which it read again at selection.
+                    if (!request.mcu) {
+                        session.BeginCall();
+                        const std::string stored = TakeText(KORVSDK_Get_USB_FW_Ver());
+                        if (!stored.empty()) seen = stored;
+                    }
                     display.Event({{"event", "confirmed"}, {"serial", device.serial}, {"version", seen}},
                                   "Confirmed: serial " + device.serial + " is back and runs " +
                                       seen + ".");
@@ -306,7 +323,7 @@ std::string ConfirmAfterReplug(Session& session, const DeviceInfo& device, const
                       ": plug it in again, then check with 'korvtool info'");
     }
     throw Failure("the device (serial " + device.serial + ") came back running " + seen +
-                  ", not the image's " + fileVersion + " (it had " + before +
+                  (request.mcu ? "" : " (its running-version registers)") + ", not the image's " + fileVersion + " (it had " + before +
                   "): the new firmware did not start - run the update again");
 }
 
@@ -324,8 +341,8 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
 
     const size_t index = session.Select(choice);
     const DeviceInfo device = session.Devices()[index];
-    const std::string before =
-        TakeText(request.mcu ? KORVSDK_Get_MCU_FW_Ver() : KORVSDK_Get_USB_FW_Ver());
+    const std::string before = VersionForm(
+        TakeText(request.mcu ? KORVSDK_Get_MCU_FW_Ver() : KORVSDK_Get_USB_FW_Ver()), request.mcu);
     for (const LedPhase& led : request.ledPhases) {
         session.BeginCall();
         if (!KORVSDK_Set_Update_GPIO_LED_Lights(led.phase, led.pattern, led.period))
@@ -343,8 +360,9 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
     for (const Record& record : callback.Drain())
         if (!record.fileText.empty()) reason = record.fileText;
     const std::string libraryWords = session.LastWords();
-    const std::string version =
-        TakeText(request.mcu ? KORVSDK_Get_MCU_BinFile_Ver() : KORVSDK_Get_USB_HexFile_Ver());
+    const std::string version = VersionForm(
+        TakeText(request.mcu ? KORVSDK_Get_MCU_BinFile_Ver() : KORVSDK_Get_USB_HexFile_Ver()),
+        request.mcu);
     callback.Drain();  // the getter repeats the version
     history["file_version"] = version;
     if (!set || version.empty()) {
