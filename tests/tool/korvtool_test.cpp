@@ -624,11 +624,11 @@ TEST_F(KorvtoolUpdate, BackupReplugConfirmationAndHistory) {
                           " " + entry.value("version_after", "-"));
     EXPECT_EQ(entries, (std::vector<std::string>{"backup completed -",
                                                  "usb confirmed 01.00.02.00.0000",
-                                                 "mcu confirmed 0d.18", "usb not confirmed -",
+                                                 "mcu confirmed 0d.18.00", "usb not confirmed -",
                                                  "usb completed -"}));
     // One form for each kind of version, in every field and in info.
     const std::regex form[] = {std::regex(R"(\d\d(\.\d\d){3}\.\d{4})"),
-                               std::regex("[0-9a-f]{2}\\.[0-9a-f]{2}")};
+                               std::regex("[0-9a-f]{2}(\\.[0-9a-f]{2}){2}")};
     for (const json& entry : history["entries"]) {
         if (entry["kind"] == "backup") continue;
         for (const char* key : {"version_before", "file_version", "version_after"}) {
@@ -640,7 +640,7 @@ TEST_F(KorvtoolUpdate, BackupReplugConfirmationAndHistory) {
     const json info = Json(Run({"--virtual", "--json", "info"}));
     EXPECT_TRUE(std::regex_match(info["usb_firmware"].get<std::string>(), form[0])) << info.dump();
     EXPECT_TRUE(std::regex_match(info["mcu_firmware"].get<std::string>(), form[1])) << info.dump();
-    EXPECT_EQ(Json(Run({"--json", "make-image", "mcu", "other.bin"}))["version"], "0d.18");
+    EXPECT_EQ(Json(Run({"--json", "make-image", "mcu", "other.bin"}))["version"], "0d.18.00");
     result = Run({"history"});
     EXPECT_EQ(Lines(result.out).size(), 6u) << result.out;
     EXPECT_EQ(result.out.rfind("TIME (UTC)", 0), 0u) << result.out;

@@ -161,16 +161,16 @@ TEST(DeviceLock, OneHolderAtATime) {
 // (C0, DEL, C1 as UTF-8) and bytes that are not UTF-8 escaped, the rest
 // kept; as JSON, valid with the same characters, bytes that are not UTF-8
 // The microcontroller's version texts, as the library gives them for an
-// image and for the device, split into korvtool's "tt.vv" and the rest.
+// image and for the device, split into korvtool's "tt.vv.cc" and the rest.
 TEST(McuVersionText, SplitsTypeAndVersionFromTheRest) {
     const std::pair<const char*, const char*> good[] = {
-        {"0d.18.00", "0d.18 00"}, {"05.17.00.010000", "05.17 00010000"}, {"0A.ff", "0A.ff "}};
+        {"0d.18.00", "0d.18.00 "}, {"05.17.01.010000", "05.17.01 010000"}, {"0A.ff.0b", "0A.ff.0b "}};
     for (const auto& [text, expected] : good) {
         const auto split = SplitMcuVersion(text);
         ASSERT_TRUE(split) << text;
         EXPECT_EQ(split->version + " " + split->detail, expected);
     }
-    for (const char* text : {"", "0d.1", "0d-18", "0d.18x", "0d.18.0g", "MCU Firmware read failed"})
+    for (const char* text : {"", "0d.18", "0d.18-00", "0d.18.00.", "0d.18.0g", "0d.18.00.01x0", "MCU Firmware read failed"})
         EXPECT_FALSE(SplitMcuVersion(text)) << text;
 }
 

@@ -231,20 +231,20 @@ CommandResult ShowInfo(Session& session, const DeviceChoice& choice) {
             throw Failure("the microcontroller's firmware version could not be read" +
                           Quote(session.LastWords()) + "; re-plug the device and try again");
         }
-        // "tt.vv", as update, make-image and the history name it; the
-        // board variant that follows it in the library's text apart.
+        // "tt.vv.cc", as update, make-image and the history name it; the
+        // further board-variant bytes of the library's text apart.
         const std::optional<McuVersion> split = SplitMcuVersion(mcuFirmware);
         const std::string shown = split ? split->version : mcuFirmware;
         json["mcu_firmware"] = mcuFirmware.empty() ? ordered_json() : ordered_json(shown);
-        json["mcu_board_variant"] =
+        json["mcu_board_bytes"] =
             split && !split->detail.empty() ? ordered_json(split->detail) : ordered_json();
         json["boot_mode"] = BootModeName(bootMode);
         result.text += Row("MCU firmware", mcuFirmware.empty() ? "-" : Printable(shown));
-        if (split && !split->detail.empty()) result.text += Row("MCU board variant", split->detail);
+        if (split && !split->detail.empty()) result.text += Row("MCU board bytes", split->detail);
         result.text += Row("Boot mode", BootModeText(bootMode));
     } else {
         json["mcu_firmware"] = nullptr;
-        json["mcu_board_variant"] = nullptr;
+        json["mcu_board_bytes"] = nullptr;
         json["boot_mode"] = nullptr;
     }
 

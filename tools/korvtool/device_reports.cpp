@@ -152,16 +152,13 @@ std::string HexBytes(const std::vector<uint8_t>& bytes) {
 
 std::optional<McuVersion> SplitMcuVersion(const std::string& text) {
     const auto hex = [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; };
-    if (text.size() < 5 || !hex(text[0]) || !hex(text[1]) || text[2] != '.' || !hex(text[3]) ||
-        !hex(text[4]) || (text.size() > 5 && text[5] != '.'))
-        return std::nullopt;
-    McuVersion split{text.substr(0, 5), ""};
-    for (size_t i = 6; i < text.size(); ++i) {
-        if (text[i] == '.') continue;
+    // "tt.vv.cc", then nothing or "." and hex digits.
+    for (size_t i = 0; i < 8; ++i)
+        if (i >= text.size() || (i % 3 == 2 ? text[i] != '.' : !hex(text[i]))) return std::nullopt;
+    if (text.size() > 8 && (text[8] != '.' || text.size() == 9)) return std::nullopt;
+    for (size_t i = 9; i < text.size(); ++i)
         if (!hex(text[i])) return std::nullopt;
-        split.detail += text[i];
-    }
-    return split;
+    return McuVersion{text.substr(0, 8), text.size() > 9 ? text.substr(9) : ""};
 }
 
 }  // namespace korvtool

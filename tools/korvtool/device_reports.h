@@ -39,10 +39,10 @@ std::optional<McuInfo> ParseMcuInfo(const std::string& text);
 const char* EdidVerdictName(EdidVerdict verdict);
 
 // korvtool names a microcontroller firmware version in one form everywhere:
-// "tt.vv", the device type and the version number as two hex digits each.
-// That is what a program image ("tt.vv.cc", cc its codec) and the running
-// microcontroller ("tt.vv.bb.bbbbbb", b its board variant) have in common;
-// the rest is returned as `detail` without its dots ("cc", "bbbbbbbb").
+// "tt.vv.cc", the device type, the version number and the audio codec (the
+// board variant's first byte) as two hex digits each. A program image says
+// just that; the running microcontroller adds three more bytes of its board
+// variant ("tt.vv.cc.bbbbbb"), returned apart as `detail` ("bbbbbb").
 struct McuVersion {
     std::string version;
     std::string detail;

@@ -89,13 +89,12 @@ void WriteInPlace(const std::string& file, const std::vector<uint8_t>& bytes) {
 
 // The version is said in the form update, info and the history use.
 CommandResult Made(const char* kind, const std::string& file, size_t size,
-                   const std::string& version, const std::string& codec = "") {
+                   const std::string& version) {
     CommandResult result;
     result.json = {{"kind", kind}, {"file", file}, {"bytes", size}, {"version", version}};
-    if (!codec.empty()) result.json["codec"] = codec;
     result.text = std::string(kind == std::string("usb") ? "USB flash" : "MCU program") +
                   " image written: " + file + " (" + std::to_string(size) + " bytes, version " +
-                  version + (codec.empty() ? "" : ", codec " + codec) + ")\n";
+                  version + ")\n";
     return result;
 }
 
@@ -127,10 +126,10 @@ CommandResult MakeMcuImage(const McuImageRequest& request) {
     options.size = request.size;
     const std::vector<uint8_t> image = vd::BuildMcuImage(options);
     WriteInPlace(request.file, image);
-    char version[8], codec[4];
-    std::snprintf(version, sizeof version, "%02x.%02x", request.deviceType, request.version);
-    std::snprintf(codec, sizeof codec, "%02x", request.codec);
-    return Made("mcu", request.file, image.size(), version, codec);
+    char version[12];
+    std::snprintf(version, sizeof version, "%02x.%02x.%02x", request.deviceType, request.version,
+                  request.codec);
+    return Made("mcu", request.file, image.size(), version);
 }
 
 }  // namespace korvtool

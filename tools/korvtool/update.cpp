@@ -230,7 +230,7 @@ std::string BackUp(Session& session, FirmwareCallback& callback, const DeviceInf
 
 // A firmware version the library gave, in korvtool's one form for its
 // kind: USB the 16-character text a flash image carries and the device
-// keeps in its flash, as it comes; MCU "tt.vv" (SplitMcuVersion). A text of
+// keeps in its flash, as it comes; MCU "tt.vv.cc" (SplitMcuVersion). A text of
 // another shape is kept as it came.
 std::string VersionForm(const std::string& text, bool mcu) {
     if (!mcu) return text;
@@ -240,7 +240,7 @@ std::string VersionForm(const std::string& text, bool mcu) {
 
 // The version the device runs, for comparing with the image's: USB
 // "xx.xx.xx.xx" (the bridge's running-version registers, which the image's
-// text begins with), MCU "tt.vv".
+// text begins with), MCU "tt.vv.cc".
 std::string RunningVersion(Session& session, bool mcu) {
     session.BeginCall();
     const std::string text = TakeText(mcu ? KORVSDK_Get_MCU_FW_Ver() : KORVSDK_Get_USB_FW_Ver());
