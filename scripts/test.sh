@@ -73,3 +73,12 @@ cmake --build build/windows -j"$jobs"
 
 echo "== Windows tests (Wine)"
 ctest --test-dir build/windows -j"$jobs" --output-on-failure
+
+# The Windows zip of this build, unpacked and run on a new Wine prefix of
+# its own (scripts/package-win64.sh makes the Release zip the same way).
+if [[ -f build/windows/CPackConfig.cmake ]]; then
+  echo "== Windows zip (new Wine prefix)"
+  rm -f build/windows/KORVSDKDeviceTool-*-win64.zip build/windows/KORVSDKDeviceTool-*-win64.zip.sha256
+  (cd build/windows && cpack -G ZIP >/dev/null)
+  ./tests/install/win64_zip_test.sh build/windows/KORVSDKDeviceTool-*-win64.zip
+fi

@@ -1,0 +1,31 @@
+cmake_minimum_required(VERSION 3.25)
+# Writes the module-definition file of a DLL's C exports, read from its
+# export table:
+#   cmake -DOBJDUMP=x86_64-w64-mingw32-objdump -DDLL=X.dll -DDEF=X.def -P Win64ModuleDefinition.cmake
+# C++ names (mangled, "_Z...") are left out: only GCC could link them.
+execute_process(COMMAND ${OBJDUMP} -p ${DLL} OUTPUT_VARIABLE dump RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "${OBJDUMP} failed on ${DLL}")
+endif()
+# The name table lists every exported name as "	[   0] KORVSDK_Init".
+string(FIND "${dump}" "[Ordinal/Name Pointer] Table" at)
+if(at LESS 0)
+  message(FATAL_ERROR "no export name table in ${DLL}")
+endif()
+string(SUBSTRING "${dump}" ${at} -1 table)
+string(REGEX MATCHALL "\n[ \t]*\\[ *[0-9]+\\] [^\n]+" rows "${table}")
+set(names "")
+foreach(row IN LISTS rows)
+  string(REGEX REPLACE "^\n[ \t]*\\[ *[0-9]+\\] " "" name "${row}")
+  string(STRIP "${name}" name)
+  if(NOT name MATCHES "^_Z")
+    list(APPEND names ${name})
+  endif()
+endforeach()
+if(NOT names)
+  message(FATAL_ERROR "no C export in ${DLL}")
+endif()
+list(SORT names)
+get_filename_component(dll_name ${DLL} NAME)
+list(JOIN names "\n    " text)
+file(WRITE ${DEF} "LIBRARY \"${dll_name}\"\nEXPORTS\n    ${text}\n")
