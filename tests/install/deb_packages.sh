@@ -27,7 +27,7 @@ done
   fail "scripts/package.sh failed: $(tail -n 30 "$root/build/package.log")"
 version=$(dpkg-deb -f build/package/packages/korvsdk-tools_*.deb Version)
 debs=()
-for p in "${packages[@]}"; do debs+=("$(echo build/package/packages/${p}_"$version"_*.deb)"); done
+for p in "${packages[@]}"; do debs+=("$(echo build/package/packages/"$p"_"$version"_*.deb)"); done
 
 work=$(mktemp -d)
 cleanup() {
