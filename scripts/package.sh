@@ -26,8 +26,10 @@ cmake -S . -B build/package -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/u
   -DCMAKE_CXX_FLAGS="$(flags CPPFLAGS) $(flags CXXFLAGS)" \
   -DCMAKE_EXE_LINKER_FLAGS="$(flags LDFLAGS)" -DCMAKE_SHARED_LINKER_FLAGS="$(flags LDFLAGS)" >/dev/null
 cmake --build build/package -j"$jobs"
-rm -f build/package/packages/*.deb
-(cd build/package && cpack -G DEB >/dev/null)
+rm -rf build/package/packages build/package/_CPack_Packages
+# The packages' folders and files get their modes from the umask (folders
+# 0755, as Debian wants them, only with 022).
+(umask 022 && cd build/package && cpack -G DEB >/dev/null)
 debs=(build/package/packages/*.deb)
 lintian --fail-on error "${debs[@]}"
 printf '%s\n' "${debs[@]}"
