@@ -23,11 +23,11 @@ set(_runtime_package libkorvsdkdevicetool${PROJECT_VERSION_MAJOR})
 set(_packages ${_runtime_package} libkorvsdkdevicetool-dev korvsdk-tools)
 set(_components runtime dev tools)
 
-# The manual pages, compressed at build time as Debian wants them; installed
-# under any prefix.
+# The manual pages with the version filled in, compressed at build time as
+# Debian wants them; installed under any prefix.
 set(_man_pages)
 foreach(_page korvtool.1 hidcaps.1)
-  configure_file(${PROJECT_SOURCE_DIR}/packaging/linux/${_page} ${CMAKE_BINARY_DIR}/packaging/${_page} COPYONLY)
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/linux/${_page} ${CMAKE_BINARY_DIR}/packaging/${_page} @ONLY)
   add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/packaging/${_page}.gz
     COMMAND gzip -9nkf ${CMAKE_BINARY_DIR}/packaging/${_page}
     DEPENDS ${CMAKE_BINARY_DIR}/packaging/${_page} VERBATIM)
