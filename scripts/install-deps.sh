@@ -11,6 +11,7 @@ packages=(
   wine wine64
   umockdev libumockdev-dev pkg-config
   clang libclang-rt-14-dev
+  dpkg-dev file lintian
 )
 
 missing=()

@@ -18,6 +18,14 @@ ctest --test-dir build/linux -j"$jobs" --output-on-failure
 # The interrupted-update sweeps say what they found.
 grep -h '^sweep ' build/linux/Testing/Temporary/LastTest.log || true
 
+# The Debian packages, built, installed, used and purged on this machine:
+# only as root (CI), since it installs system packages. It refuses to touch
+# packages of these names that are already installed.
+if [ "$(id -u)" -eq 0 ]; then
+  echo "== Debian packages"
+  ./tests/install/deb_packages.sh
+fi
+
 # The programs whose tests run again under the sanitizers: every export with
 # bad input and beside an update, whole sessions with both updates and their
 # worker and light threads, the class face with its workers, the programs

@@ -1,7 +1,10 @@
 # Installs the build tree into a fresh prefix, builds the consumer project
 # against the installed package, and runs its programs on the virtual
 # device. On Linux a C program is also built with pkg-config alone.
-#   cmake -DBUILD_DIR=... -DREPOSITORY=... -DWORK=... [-DTOOLCHAIN=...] -P run_consumer.cmake
+# The installed korvtool runs from the prefix as it is, with no
+# LD_LIBRARY_PATH (under Wine with the DLL beside it).
+#   cmake -DBUILD_DIR=... -DREPOSITORY=... -DWORK=... -DVERSION=... [-DTOOLCHAIN=...]
+#     -P run_consumer.cmake
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE result ${run_options})
   if(NOT result EQUAL 0)
@@ -13,7 +16,12 @@ endfunction()
 set(prefix ${WORK}/prefix)
 file(REMOVE_RECURSE ${WORK})
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(file include/KORVSDKDeviceTool.h include/VideoConsoleCore.h)
+if(TOOLCHAIN)
+  set(launch env WINEDEBUG=-all wine)
+  set(exe .exe)
+endif()
+foreach(file include/KORVSDKDeviceTool.h include/VideoConsoleCore.h bin/korvtool${exe}
+    bin/hidcaps${exe})
   if(NOT EXISTS ${prefix}/${file})
     message(FATAL_ERROR "not installed: ${file}")
   endif()
@@ -23,6 +31,17 @@ if(NOT config)
   message(FATAL_ERROR "no CMake package installed")
 endif()
 get_filename_component(package_dir ${config} DIRECTORY)
+
+unset(ENV{LD_LIBRARY_PATH})
+foreach(case "--version|korvtool ${VERSION}" "--virtual;list|VC00000001")
+  string(REPLACE "|" ";" case "${case}")
+  list(POP_BACK case expected)
+  execute_process(COMMAND ${launch} ${prefix}/bin/korvtool${exe} ${case} RESULT_VARIABLE result
+    OUTPUT_VARIABLE out ERROR_VARIABLE out)
+  if(NOT result EQUAL 0 OR NOT out MATCHES "${expected}")
+    message(FATAL_ERROR "installed korvtool ${case}: ${result}\n${out}")
+  endif()
+endforeach()
 
 set(configure ${CMAKE_COMMAND} -S ${REPOSITORY}/tests/install/consumer -B ${WORK}/build
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVSDKDeviceTool_DIR=${package_dir}
@@ -39,8 +58,6 @@ set(run_options)
 set(bin ${WORK}/build)
 if(TOOLCHAIN)
   file(COPY ${prefix}/bin/KORVSDKDeviceTool.dll DESTINATION ${bin})
-  set(launch env WINEDEBUG=-all wine)
-  set(exe .exe)
 endif()
 file(COPY ${REPOSITORY}/samples/virtual-setting.cfg DESTINATION ${WORK}/run)
 set(run_options WORKING_DIRECTORY ${WORK}/run)
