@@ -1,0 +1,22 @@
+# The exported names of a DLL, read from its export table as
+# "objdump -p" prints it ("	[   0] KORVSDK_Init" in the name table).
+# Shared by the export check and the module-definition writer.
+function(korvsdk_pe_export_names objdump dll out)
+  execute_process(COMMAND ${objdump} -p ${dll} OUTPUT_VARIABLE dump RESULT_VARIABLE rc)
+  if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "${objdump} failed on ${dll}")
+  endif()
+  string(FIND "${dump}" "[Ordinal/Name Pointer] Table" at)
+  if(at LESS 0)
+    message(FATAL_ERROR "no export name table in ${dll}")
+  endif()
+  string(SUBSTRING "${dump}" ${at} -1 table)
+  string(REGEX MATCHALL "\n[ \t]*\\[ *[0-9]+\\] [^\n]+" rows "${table}")
+  set(names "")
+  foreach(row IN LISTS rows)
+    string(REGEX REPLACE "^\n[ \t]*\\[ *[0-9]+\\] " "" name "${row}")
+    string(STRIP "${name}" name)
+    list(APPEND names ${name})
+  endforeach()
+  set(${out} "${names}" PARENT_SCOPE)
+endfunction()
