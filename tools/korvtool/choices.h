@@ -16,6 +16,7 @@ struct DeviceInfo {
     std::string vid;
     std::string pid;
     std::string serial;
+    std::string location;
 };
 
 // Picks the device that `choice` (the --device value) names: a serial number

@@ -19,6 +19,7 @@ struct CommandResult {
     nlohmann::ordered_json json = nlohmann::ordered_json::object();
     std::string text;  // lines ending in '\n'
     bool jsonStreamed = false;  // with --json the command printed its own events
+    int status = 0;             // the exit status of a command that printed its own output
 };
 
 struct AudioControl {

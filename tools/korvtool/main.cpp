@@ -24,6 +24,7 @@
 #include "platform/program_dll_search.h"
 #include "safe_text.h"
 #include "session.h"
+#include "station/station.h"
 #include "update.h"
 
 #ifdef _WIN32
@@ -91,6 +92,13 @@ struct CommandLine {
     CLI::Option* configOption = nullptr;
     CLI::Option* deviceOption = nullptr;
     CLI::Option* waitReplugMcu = nullptr;
+    korvtool::station::StationOptions station;
+    std::string stationWait;
+    CLI::Option* stationWaitOption = nullptr;
+    korvtool::station::UnitJob unitJob;
+    std::string unitLogFolder;
+    int unitWait = 0;
+    CLI::Option* unitWaitOption = nullptr;
 
     CommandLine();
 
@@ -265,6 +273,70 @@ CommandLine::CommandLine() {
             std::string("Kept in the user's data folder (korvtool history --help shows where); "
                         "--json prints\nthe entries as they are stored.\n") +
                 "File: " + korvtool::HistoryPath().string() + "\n" + kGlobalOptionsNote);
+    const std::string stationText =
+        "Runs the recipe on every attached device the settings accept, all at once: each unit\n"
+        "in a worker process of its own, selected by its USB location, so that one unit's\n"
+        "fault, hang or crash never stops the others. A unit that already runs the image's\n"
+        "versions is reported up to date and not written. Units with one serial number on\n"
+        "two ports are refused (they cannot be told apart). A terminal shows a live table;\n"
+        "otherwise a line per event, or with --json one JSON event per line. Each unit's\n"
+        "result goes into the history ('korvtool history --run ID'); the run's folder keeps\n"
+        "summary.csv, summary.json and each unit's logs. Ctrl-C starts no more units and\n"
+        "lets the units being written finish.\n"
+        "Exit status 0 when every unit passed or was up to date.\n"
+        "Example:\n"
+        "  korvtool --config bench.cfg station --usb fw.hex --mcu mcu.bin --wait-replug 60\n";
+    CLI::App* stationCommand = Command(app, "station", "Update every attached device at once, with a record of each",
+                                       stationText + kGlobalOptionsNote);
+    stationCommand->add_option("--usb", station.recipe.usbFile, "The flash image (*.hex) for each unit")
+        ->type_name("FILE");
+    stationCommand->add_option("--mcu", station.recipe.mcuFile, "The program image (*.bin) for each unit")
+        ->type_name("FILE");
+    stationCommand->add_option("--backup-dir", station.recipe.backupDir,
+                               "Read each written unit's USB flash into DIR first\n"
+                               "(<serial>-<time>.hex)")
+        ->type_name("DIR");
+    stationWaitOption = stationCommand
+                            ->add_option("--wait-replug", stationWait,
+                                         "After the writes, wait up to SECONDS (default 60) for\n"
+                                         "each unit's re-plug and confirm the versions it runs")
+                            ->expected(0, 1)
+                            ->type_name("[SECONDS]");
+    stationCommand->add_option("--retries", station.retries,
+                               "Run a failed unit again, up to N times, while it is still\n"
+                               "plugged in (default 0)")
+        ->type_name("N")
+        ->check(CLI::Range(0, 10));
+    stationCommand->add_flag("--watch", station.watch,
+                             "Keep running: start the recipe on each unit as it is plugged\n"
+                             "in; Ctrl-C ends");
+    stationCommand->add_option("--station", station.stationName,
+                               "The station's name in the records (default: the host name)")
+        ->type_name("NAME");
+    stationCommand->add_option("--report", station.reports,
+                               "Also write the summary to FILE (*.csv or *.json); may be\n"
+                               "repeated")
+        ->type_name("FILE");
+    stationCommand->add_option("--run-dir", station.runDir,
+                               "The run's folder (default: runs/<run id> beside the history)")
+        ->type_name("DIR");
+    stationCommand->add_option("--unit-timeout", station.unitTimeoutSeconds,
+                               "Stop a worker that reports nothing for SECONDS (default 120)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(5, 3600));
+    // The station's worker: one unit, started by the station only.
+    CLI::App* unit = app.add_subcommand("station-unit", "");
+    unit->group("");
+    commands_.emplace_back("station-unit", unit);
+    unit->add_option("--usb", unitJob.recipe.usbFile);
+    unit->add_option("--mcu", unitJob.recipe.mcuFile);
+    unit->add_option("--backup-dir", unitJob.recipe.backupDir);
+    unitWaitOption = unit->add_option("--wait-replug", unitWait);
+    unit->add_option("--run", unitJob.run);
+    unit->add_option("--station", unitJob.station);
+    unit->add_option("--attempt", unitJob.attempt);
+    unit->add_option("--log-folder", unitLogFolder);
+
     Command(app, "dump-log", "Copy the library's log file for a problem report",
             std::string("Writes Dump_Log_<time>.txt into the folder; needs EnableLocalLogging=1 "
                         "in the settings.\n") +
@@ -314,7 +386,7 @@ void PrintError(const std::string& command, const std::string& text, int status,
         const nlohmann::ordered_json doc = {
             {"command", command}, {"ok", false}, {"error", text}, {"exit_code", status}};
         // An update streams one event per line; its error is one more.
-        if (command.rfind("update", 0) == 0) {
+        if (command.rfind("update", 0) == 0 || command.rfind("station", 0) == 0) {
             nlohmann::ordered_json event = {{"event", "error"}};
             event.update(doc);
             std::printf("%s\n", korvtool::JsonText(event).c_str());
@@ -462,6 +534,41 @@ std::function<CommandResult(Session&)> PrepareCommand(const CommandLine& cli,
     }
     if (name == "update")
         throw korvtool::UsageError("update needs usb FILE or mcu FILE (run 'korvtool update --help')");
+    if (name == "station") {
+        if (cli.deviceOption->count() > 0)
+            throw korvtool::UsageError("station runs on every unit attached: leave out --device");
+        korvtool::station::StationOptions options = cli.station;
+        if (cli.stationWaitOption->count() > 0)
+            options.recipe.waitReplugSeconds = ParseSeconds(cli.stationWait);
+        options.verbose = cli.verbose;
+        std::error_code error;
+        if (cli.useVirtual) {
+            options.settingsArguments = {"--virtual"};
+        } else {
+            const std::string config = cli.configOption->count() > 0 ? cli.configPath : "setting.cfg";
+            const std::filesystem::path absolute = std::filesystem::absolute(config, error);
+            options.settingsArguments = {"--config", error ? config : absolute.string()};
+        }
+        const korvtool::DisplayMode mode = DisplayModeFor(cli.json);
+        return [options, mode](Session& s) {
+            CommandResult result;
+            result.jsonStreamed = true;
+            result.status = korvtool::station::RunStation(s, options, mode);
+            return result;
+        };
+    }
+    if (name == "station-unit") {
+        korvtool::station::UnitJob job = cli.unitJob;
+        if (cli.deviceOption->count() == 0) throw korvtool::UsageError("station-unit needs --device LOCATION");
+        job.location = cli.device;
+        if (cli.unitWaitOption->count() > 0) job.recipe.waitReplugSeconds = cli.unitWait;
+        return [job](Session& s) {
+            CommandResult result;
+            result.jsonStreamed = true;
+            result.status = korvtool::station::RunStationUnit(s, job);
+            return result;
+        };
+    }
     if (name == "make-image") {
         throw korvtool::UsageError(
             "make-image needs usb FILE or mcu FILE (run 'korvtool make-image --help')");
@@ -538,10 +645,17 @@ int main(int argc, char** argv) {
         // korvtool's USB updates hold the boot configuration word back until
         // the compare, unless the settings say otherwise (the library's own
         // default is the device's classic order).
-        if (command == "update usb") source.defaults.push_back("USB_Entire_Valid_Last=1");
+        if (command == "update usb" || command == "station-unit")
+            source.defaults.push_back("USB_Entire_Valid_Last=1");
+        // A station's worker keeps the library's log in its unit's folder.
+        if (command == "station-unit" && !cli.unitLogFolder.empty()) {
+            for (const char* line : {"EnableLocalLogging=1", "GenToCurrentFolder=1"})
+                source.overrides.push_back(line);
+            source.overrides.push_back("CurrentFolderName=" + cli.unitLogFolder);
+        }
         session.Open(source);
         const CommandResult result = run(session);
-        if (result.jsonStreamed) return korvtool::kExitSuccess;
+        if (result.jsonStreamed) return result.status;
         if (cli.json) {
             nlohmann::ordered_json doc = {{"command", command}, {"ok", true}};
             doc.update(result.json);

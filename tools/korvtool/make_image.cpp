@@ -62,6 +62,19 @@ bool WriteAll(int fd, const std::vector<uint8_t>& bytes) {
     return true;
 }
 
+// The version is said in the form update, info and the history use.
+CommandResult Made(const char* kind, const std::string& file, size_t size,
+                   const std::string& version) {
+    CommandResult result;
+    result.json = {{"kind", kind}, {"file", file}, {"bytes", size}, {"version", version}};
+    result.text = std::string(kind == std::string("usb") ? "USB flash" : "MCU program") +
+                  " image written: " + file + " (" + std::to_string(size) + " bytes, version " +
+                  version + ")\n";
+    return result;
+}
+
+}  // namespace
+
 // Writes through a temporary name, so that FILE is either the whole image
 // or what it was before. The rename replaces whatever is at FILE, a link
 // too, without writing through it.
@@ -87,18 +100,6 @@ void WriteInPlace(const std::string& file, const std::vector<uint8_t>& bytes) {
     }
 }
 
-// The version is said in the form update, info and the history use.
-CommandResult Made(const char* kind, const std::string& file, size_t size,
-                   const std::string& version) {
-    CommandResult result;
-    result.json = {{"kind", kind}, {"file", file}, {"bytes", size}, {"version", version}};
-    result.text = std::string(kind == std::string("usb") ? "USB flash" : "MCU program") +
-                  " image written: " + file + " (" + std::to_string(size) + " bytes, version " +
-                  version + ")\n";
-    return result;
-}
-
-}  // namespace
 
 CommandResult MakeUsbImage(const UsbImageRequest& request) {
     if (request.version.empty() || request.version.size() > 16)

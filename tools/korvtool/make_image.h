@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 
@@ -26,6 +27,10 @@ struct McuImageRequest {
     unsigned codec = 0x00;       // board variant 0
     unsigned size = 0x2000;
 };
+
+// Writes `bytes` to FILE through a temporary name beside it, so that FILE is
+// either whole or what it was before; a Failure says why it could not be.
+void WriteInPlace(const std::string& file, const std::vector<uint8_t>& bytes);
 
 // Write the image to a temporary name beside FILE and rename it into place;
 // a Failure says why when that is not possible.

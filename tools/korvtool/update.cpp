@@ -152,14 +152,15 @@ std::string DeviceName(const DeviceInfo& device) {
 // One line of the update history per update or backup, whatever its end.
 class HistoryLine {
 public:
-    HistoryLine(const DeviceInfo& device, const char* kind, const std::string& file)
-        : entry_({{"time", UtcTimeNow()},
+    HistoryLine(const DeviceInfo& device, const char* kind, const std::string& file, bool record)
+        : record_(record), entry_({{"time", UtcTimeNow()},
                   {"serial", device.serial},
                   {"vid_pid", device.vid + ":" + device.pid},
                   {"kind", kind},
                   {"file", file}}) {}
     ordered_json& operator[](const char* key) { return entry_[key]; }
     void Write(ProgressDisplay& display, const std::string& result, const std::string& message) {
+        if (!record_) return;
         entry_["result"] = result;
         entry_["message"] = message;
         std::string problem;
@@ -168,6 +169,7 @@ public:
     }
 
 private:
+    bool record_;
     ordered_json entry_;
 };
 
@@ -214,9 +216,9 @@ std::string ReadFlashInto(Session& session, FirmwareCallback& callback, const st
 // display, read, and kept in the history whatever its end.
 std::string BackUp(Session& session, FirmwareCallback& callback, const DeviceInfo& device,
                    const std::string& versionBefore, const std::string& file,
-                   ProgressDisplay& display) {
+                   ProgressDisplay& display, bool record) {
     display.Start({{"kind", "backup"}, {"device", DeviceName(device)}, {"file", file}});
-    HistoryLine history(device, "backup", file);
+    HistoryLine history(device, "backup", file, record);
     history["version_before"] = versionBefore;
     try {
         const std::string message = ReadFlashInto(session, callback, file, display);
@@ -256,6 +258,8 @@ bool RunsVersion(const std::string& running, const std::string& fileVersion, boo
                     running.substr(3, 2) == lower(fileVersion.substr(3, 2));
     return !running.empty() && lower(fileVersion).rfind(running, 0) == 0;
 }
+
+}  // namespace
 
 // After a completed update: waits for the device to be re-plugged (gone
 // from the scan, or its open handle dead: a quick re-plug can slip between
@@ -327,7 +331,39 @@ std::string ConfirmAfterReplug(Session& session, const DeviceInfo& device, const
                   "): the new firmware did not start - run the update again");
 }
 
-}  // namespace
+std::string InstalledVersion(Session& session, bool mcu) {
+    session.BeginCall();
+    return VersionForm(TakeText(mcu ? KORVSDK_Get_MCU_FW_Ver() : KORVSDK_Get_USB_FW_Ver()), mcu);
+}
+
+ImageCheck CheckImage(Session& session, const DeviceChoice& choice, const UpdateRequest& request) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(request.file, error)) {
+        throw UsageError("the image '" + request.file + "' does not exist: give the path of a " +
+                         (request.mcu ? "*.bin program image" : "*.hex flash image"));
+    }
+    session.Select(choice);
+    ImageCheck check;
+    check.before = InstalledVersion(session, request.mcu);
+    FirmwareCallback callback(request.mcu);
+    session.BeginCall();
+    const bool set = (request.mcu ? KORVSDK_Set_MCU_BinFile(request.file.c_str())
+                                  : KORVSDK_Set_USB_HexFile(request.file.c_str())) != 0;
+    std::string reason;
+    for (const Record& record : callback.Drain())
+        if (!record.fileText.empty()) reason = record.fileText;
+    const std::string libraryWords = session.LastWords();
+    check.fileVersion = VersionForm(
+        TakeText(request.mcu ? KORVSDK_Get_MCU_BinFile_Ver() : KORVSDK_Get_USB_HexFile_Ver()),
+        request.mcu);
+    if (!set || check.fileVersion.empty()) {
+        if (reason.empty()) reason = libraryWords.empty() ? "it is not an image" : libraryWords;
+        throw Failure("'" + request.file + "' was refused: " + reason + " - " +
+                      Advice(session, reason, request.mcu));
+    }
+    check.upToDate = RunsVersion(RunningVersion(session, request.mcu), check.fileVersion, request.mcu);
+    return check;
+}
 
 CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const UpdateRequest& request,
                         ProgressDisplay& display) {
@@ -349,7 +385,7 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
             throw Failure("the LED phase could not be set" + Quote(session.LastWords()) +
                           " - only boards with a GPIO LED have one");
     }
-    HistoryLine history(device, request.mcu ? "mcu" : "usb", request.file);
+    HistoryLine history(device, request.mcu ? "mcu" : "usb", request.file, request.recordHistory);
     history["version_before"] = before;
 
     FirmwareCallback callback(request.mcu);
@@ -375,7 +411,8 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
     const std::string deviceName = DeviceName(device);
     if (!request.backupFile.empty()) {
         try {
-            BackUp(session, callback, device, before, request.backupFile, display);
+            BackUp(session, callback, device, before, request.backupFile, display,
+                   request.recordHistory);
         } catch (const ToolError& e) {
             throw Failure(std::string(e.what()) + "; the update was not started");
         }
@@ -470,13 +507,14 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
 }
 
 CommandResult RunBackup(Session& session, const DeviceChoice& choice, const std::string& file,
-                        ProgressDisplay& display) {
+                        ProgressDisplay& display, bool recordHistory) {
     const size_t index = session.Select(choice);
     const DeviceInfo device = session.Devices()[index];
     const std::string deviceName = DeviceName(device);
     const std::string version = TakeText(KORVSDK_Get_USB_FW_Ver());
     FirmwareCallback callback(false);
-    const std::string message = BackUp(session, callback, device, version, file, display);
+    const std::string message =
+        BackUp(session, callback, device, version, file, display, recordHistory);
     CommandResult result;
     result.json = {{"kind", "backup"}, {"device", deviceName}, {"file", file},
                    {"usb_firmware", version}, {"state", "ReadCompleted"}, {"message", message}};

@@ -30,7 +30,34 @@ struct UpdateRequest {
     // check the version it runs; none: ask for the re-plug and end.
     std::optional<int> waitReplugSeconds;
     std::vector<LedPhase> ledPhases;  // set on the device before the start
+    // Add the update (and its backup) to the history; a station records
+    // each unit once, with all its steps, instead.
+    bool recordHistory = true;
 };
+
+// What the library's file check made of an image for the selected device.
+struct ImageCheck {
+    std::string fileVersion;  // the image's version, in korvtool's form
+    std::string before;       // the version the device has, in the same form
+    bool upToDate = false;    // the device already runs the image's version
+};
+
+// Selects the chosen device and runs the library's file check on
+// `request.file` without writing anything. Throws a Failure when the file is
+// missing or refused (the reason and what to do).
+ImageCheck CheckImage(Session& session, const DeviceChoice& device, const UpdateRequest& request);
+
+// After a completed update of `device`: waits up to
+// request.waitReplugSeconds for its re-plug and checks that it runs
+// `fileVersion`. Returns the version it runs; throws a Failure otherwise.
+std::string ConfirmAfterReplug(Session& session, const DeviceInfo& device,
+                               const DeviceChoice& choice, const UpdateRequest& request,
+                               const std::string& fileVersion, const std::string& before,
+                               ProgressDisplay& display);
+
+// The version the selected device runs of that kind, as CheckImage's
+// `before`, read afresh.
+std::string InstalledVersion(Session& session, bool mcu);
 
 // Checks and writes the file into the chosen device, showing the progress
 // on `display`. Returns when the update has ended and the library's update
@@ -43,6 +70,6 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& device, const Upda
 // update usb takes back), showing the progress on `display`. Throws a
 // Failure when the backup could not be made; no file is left then.
 CommandResult RunBackup(Session& session, const DeviceChoice& device, const std::string& file,
-                        ProgressDisplay& display);
+                        ProgressDisplay& display, bool recordHistory = true);
 
 }  // namespace korvtool

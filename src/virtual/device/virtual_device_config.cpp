@@ -278,6 +278,8 @@ VirtualDeviceConfig ReadVirtualDeviceConfig(const SettingsTable& settings, int n
     }
     SetFlag(settings, p + "IicNeverFinishes", config.faults.iicNeverFinishes);
     SetNumber(settings, p + "UnplugAfter", 10, 0, 0x7FFFFFFF, config.faults.unplugAfterTransfers);
+    SetNumber(settings, p + "CrashAfter", 10, 0, 0x7FFFFFFF, config.faults.crashAfterTransfers);
+    SetNumber(settings, p + "HangAfter", 10, 0, 0x7FFFFFFF, config.faults.hangAfterTransfers);
     SetNumber(settings, p + "CorruptFlashAt", 16, 0, 0x7FFFFFFF, config.faults.corruptFlashAt);
     SetNumber(settings, p + "ValueReports", 10, 1, 3, config.faults.valueReports);
 

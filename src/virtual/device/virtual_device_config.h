@@ -53,6 +53,11 @@ struct FaultPlan {
     // together) the device is unplugged: open handles fail, enumeration no
     // longer lists it. 0 = never.
     uint32_t unplugAfterTransfers = 0;
+    // The program driving the device dies (abort) or stops for good (its
+    // transfer never returns) at this report transfer: what a crash or a
+    // hang of a host process looks like to those who supervise it. 0 = never.
+    uint32_t crashAfterTransfers = 0;
+    uint32_t hangAfterTransfers = 0;
     // The microcontroller alone loses its power after this many report
     // transfers and starts again (the bridge stays). 0 = never.
     uint32_t mcuPowerCutAfterTransfers = 0;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <thread>
@@ -194,6 +195,9 @@ void VirtualHidBackend::CountTransfer(Device& device) {
     const uint32_t limit = device.config.faults.unplugAfterTransfers;
     if (limit != 0 && device.transfers >= limit) device.present = false;
     if (device.transfers == device.config.faults.mcuPowerCutAfterTransfers) device.mcu->PowerCycle();
+    if (device.transfers == device.config.faults.crashAfterTransfers) std::abort();
+    if (device.transfers == device.config.faults.hangAfterTransfers)
+        for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
 }
 
 void VirtualHidBackend::Wait(hid::HidHandle handle) {
