@@ -9,7 +9,8 @@
  * Results:
  *   - KORVSDK_BOOL functions return 1 on success and 0 on failure.
  *   - The four string getters return a heap copy of a narrow, zero-terminated
- *     text, never NULL; release it with KORVSDK_Free_PeCHAR.
+ *     text, never NULL; release it with KORVSDK_Free_PeCHAR (so is the text
+ *     of KORVSDK_Get_Device_Location, which may be NULL).
  *   - Device lists are released with KORVSDK_Free_DeviceList.
  *
  * Call the API from one thread. Callbacks run on the thread that performs the
@@ -197,6 +198,21 @@ KORVSDK_API int KORVSDK_Set_Debug_Output_Handler(KORVSDK_DebugOutputHandler hand
  * after a failure no file is left behind and an earlier file at `path` is
  * kept. */
 KORVSDK_API KORVSDK_BOOL KORVSDK_Read_USB_Flash(const char* path);
+
+/* Extension: where the device of `entry` is plugged, as its USB port path:
+ * the bus (Linux) or host controller (Windows, numbered from 1 in the
+ * system's order) number, "-", then the port number on each hub from the
+ * root hub down, joined by "." (for example "1-2.4.1": bus 1, root-hub port
+ * 2, port 4 of the hub there, port 1 of the next hub). The same port gives
+ * the same text after a re-plug, so it names a unit on a test bench when
+ * serial numbers repeat. `entry` must be an element of the list that the
+ * last KORVSDK_Scan_DeviceList handed out and that is not yet released; it
+ * is recognised by its address, so a copy of an entry is not. Returns a heap
+ * text to release with KORVSDK_Free_PeCHAR, or NULL when `entry` is not of
+ * that list or the device's location is unknown. A selection with an entry
+ * of that list opens the device on that port, also when another device has
+ * the same serial number. */
+KORVSDK_API char* KORVSDK_Get_Device_Location(const DeviceEntry* entry);
 
 #ifdef __cplusplus
 }

@@ -210,6 +210,7 @@ KORVSDK_BOOL KORVSDK_Free_DeviceList(DeviceEntry** list, uint16_t* count) {
     // designate may be null. A null pointer is refused quietly rather than
     // dereferenced.
     if (list == nullptr || count == nullptr) return 1;
+    g_VC_Core.ForgetDeviceList(*list);
     VideoConsoleCore::FreeDeviceEntries(*list, *count);
     *list = nullptr;
     *count = 0;
@@ -229,5 +230,14 @@ int KORVSDK_Set_Debug_Output_Handler(KORVSDK_DebugOutputHandler handler) {
 }
 
 KORVSDK_BOOL KORVSDK_Read_USB_Flash(const char* path) { return Shielded([&] { return g_VC_Core.ReadUsbFlash(path); }); }
+
+char* KORVSDK_Get_Device_Location(const DeviceEntry* entry) {
+    return Shielded([&]() -> char* {
+        const std::string location = g_VC_Core.EntryLocation(entry);
+        if (location.empty()) return nullptr;
+        char* text = HeapText(location);
+        return text == g_noText ? nullptr : text;
+    });
+}
 
 }  // extern "C"

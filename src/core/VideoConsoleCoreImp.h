@@ -213,6 +213,12 @@ public:
     bool ScanDeviceList(DeviceEntry** list, uint16_t* count);
     // The devices the last successful scan found, in its order.
     const std::vector<FoundDevice>& LastScan() const { return m_lastScan; }
+    // The location of `entry` when it is an entry of the list the last scan
+    // handed out (compared by address) and its location is known; "" else.
+    std::string EntryLocation(const DeviceEntry* entry) const;
+    // The caller released `list`: when it is the last scan's list, entries
+    // are no longer looked up in it.
+    void ForgetDeviceList(const DeviceEntry* list);
     bool SelectDevice(DeviceEntry* entry);
     uint8_t GetDeviceUsbType();
     // Versions, information and microcontroller (device/)
@@ -325,6 +331,9 @@ public:
     uint16_t m_selectedVid = 0;
     uint16_t m_selectedPid = 0;
     std::string m_selectedInstance;  // the serial number, as the scan listed it
+    // Where the selected device is plugged, when the entry came from the
+    // last scan's list; "" = any port (the serial alone decides).
+    std::string m_selectedLocation;
     struct HidDeviceRecord {
         std::string path;
         hid::HidHandle handle = hid::kInvalidHidHandle;
@@ -500,6 +509,10 @@ public:
 
 private:
     std::vector<FoundDevice> m_lastScan;
+    // The list the last scan handed out (not freed by the library) and its
+    // length, for EntryLocation.
+    const DeviceEntry* m_lastList = nullptr;
+    size_t m_lastListCount = 0;
     std::string m_dumpFolder;
     std::unique_ptr<hid::HidBackend> m_hidBackend;
     std::atomic<KORVSDK_ScanDeviceListCallback> m_scanListCallback{nullptr};

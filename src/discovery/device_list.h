@@ -16,6 +16,7 @@ struct FoundDevice {
     std::string instance;     // the USB serial number
     std::string pid;          // as written in the instance ID
     std::string vid;
+    std::string location;     // USB port path ("1-2.4"); "" when unknown
 };
 
 // The parts of a Windows-form instance ID "USB\VID_vvvv&PID_pppp\serial".

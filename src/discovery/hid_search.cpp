@@ -104,6 +104,12 @@ bool SearchHidInterface(VideoConsoleCoreImp& core, HidSearchResult& result) {
     if (!backend->EnumerateHidInterfaces(paths)) return false;
 
     for (size_t index = 0; index < paths.size(); ++index) {
+        // Devices that share a serial number are told apart by their port:
+        // an interface known to sit elsewhere is not even opened.
+        if (!core.m_selectedLocation.empty()) {
+            const std::string location = backend->HidInterfaceLocation(paths[index]);
+            if (!location.empty() && location != core.m_selectedLocation) continue;
+        }
         const hid::HidHandle handle = backend->Open(paths[index]);
         if (handle == hid::kInvalidHidHandle) {
             if (result.openFailureAdvice.empty())

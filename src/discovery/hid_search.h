@@ -3,7 +3,8 @@
 // The scan sees USB devices; the reports travel on one of their HID
 // interfaces. The search goes through the present HID interfaces in the
 // platform's order and takes the first whose vendor ID, product ID and
-// serial number are the selected device's.
+// serial number are the selected device's, on the selected device's port
+// when the scan knew it and the backend can tell an interface's port.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // The device scan: lists the attached capture devices whose VID/PID pair is
 // one of the setting.cfg filters (DevIDNum, DevDrvID0 ...).
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -60,6 +61,7 @@ bool VideoConsoleCoreImp::ScanDeviceList(DeviceEntry** list, uint16_t* count) {
             continue;
         FoundDevice entry = SplitInstanceId(id);
         entry.description = device.busReportedDescription;
+        entry.location = device.location;
         const uint32_t vid = HexIdValue(entry.vid);
         const uint32_t pid = HexIdValue(entry.pid);
         for (const Filter& filter : filters) {
@@ -85,6 +87,8 @@ bool VideoConsoleCoreImp::ScanDeviceList(DeviceEntry** list, uint16_t* count) {
         FreeDeviceEntries(copy, total);
     }
     if (list != nullptr) *list = AllocateDeviceList(found);
+    m_lastList = list != nullptr ? *list : nullptr;
+    m_lastListCount = m_lastList != nullptr ? total : 0;
     m_lastScan = found;
     if (count != nullptr) *count = total;
 
@@ -99,6 +103,25 @@ bool VideoConsoleCoreImp::ScanDeviceList(DeviceEntry** list, uint16_t* count) {
 
     m_scanned = true;
     return true;
+}
+
+std::string VideoConsoleCoreImp::EntryLocation(const DeviceEntry* entry) const {
+    if (entry == nullptr || m_lastList == nullptr) return {};
+    // Addresses are compared as numbers: an entry of another array is
+    // outside the list, and a pointer into the middle of an entry is none.
+    const auto at = reinterpret_cast<uintptr_t>(entry);
+    const auto first = reinterpret_cast<uintptr_t>(m_lastList);
+    if (at < first || (at - first) % sizeof(DeviceEntry) != 0) return {};
+    const size_t index = (at - first) / sizeof(DeviceEntry);
+    if (index >= m_lastListCount || index >= m_lastScan.size()) return {};
+    return m_lastScan[index].location;
+}
+
+void VideoConsoleCoreImp::ForgetDeviceList(const DeviceEntry* list) {
+    if (list != nullptr && list == m_lastList) {
+        m_lastList = nullptr;
+        m_lastListCount = 0;
+    }
 }
 
 }  // namespace VideoConsoleCore

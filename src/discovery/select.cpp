@@ -153,6 +153,7 @@ bool VideoConsoleCoreImp::SelectDevice(DeviceEntry* entry) {
     const std::string vid = entry->vid;
     const std::string pid = entry->pid;
     const std::string instance = entry->instance;
+    m_selectedLocation = EntryLocation(entry);
 
     bool identified = false;
     for (int attempt = 0; attempt < kSelectAttempts && !identified;) {

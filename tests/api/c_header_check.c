@@ -20,7 +20,9 @@ int main(void) {
     if (text == NULL || strlen(text) != 0) failures++;
     if (KORVSDK_Free_PeCHAR(&text) != 1 || text != NULL) failures++;
     if (KORVSDK_Switch_Console_Logging_Mode(false) != 1) failures++;
+    /* No scan yet: no entry has a location. */
+    if (KORVSDK_Get_Device_Location(list) != NULL) failures++;
 
-    if (failures != 0) fprintf(stderr, "%d of 5 checks failed\n", failures);
+    if (failures != 0) fprintf(stderr, "%d of 6 checks failed\n", failures);
     return failures == 0 ? 0 : 1;
 }

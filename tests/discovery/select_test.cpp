@@ -93,3 +93,29 @@ TEST_F(Select, UsbTypeNeedsASelection) {
     EXPECT_EQ(core_.GetDeviceUsbType(), 0);
     EXPECT_EQ(MessageLog::All(), std::string(kMsgSelectFirst));
 }
+
+// Units on a bench: default ports 1-<n+1>, a port given by setting, a port
+// given twice (the later unit moves to a free one), and two units with one
+// serial number, each opened on its own port.
+TEST_F(Select, UnitsWithOneSerialAreToldApartByPort) {
+    Init("VirtualDeviceCount=4\nVirtual1_Serial=SAME\nVirtual2_Serial=SAME\n"
+         "Virtual2_Location=3-1.4.2\nVirtual3_Location=3-1.4.2\n");
+    ASSERT_EQ(count_, 4);
+    const char* const expected[] = {"1-1", "1-2", "3-1.4.2", "1-3"};
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(core_.EntryLocation(&list_[i]), expected[i]) << i;
+
+    for (int i : {2, 1}) {
+        ASSERT_TRUE(core_.SelectDevice(&list_[i])) << i;
+        EXPECT_EQ(core_.m_hidDevice.path, Device().HidPath(static_cast<size_t>(i)));
+    }
+
+    // Only entries of the list the last scan handed out have a location.
+    DeviceEntry copy = list_[2];
+    const auto* inside = reinterpret_cast<const DeviceEntry*>(
+        reinterpret_cast<const char*>(&list_[1]) + sizeof(char*));
+    const DeviceEntry* const others[] = {&copy, inside, list_ + count_, nullptr};
+    for (const DeviceEntry* entry : others)
+        EXPECT_EQ(core_.EntryLocation(entry), "");
+    core_.ForgetDeviceList(list_);
+    EXPECT_EQ(core_.EntryLocation(&list_[2]), "");
+}

@@ -81,7 +81,8 @@ TEST_F(KorvtoolList, ShowsTheVirtualDevice) {
     const std::vector<std::string> lines = Lines(result.out);
     ASSERT_EQ(lines.size(), 3u) << result.out;
     EXPECT_EQ(lines[0], "Found 1 capture device:");
-    EXPECT_EQ(lines[2], "  0  Virtual HDMI Capture  FFF0:0C01  VC00000001");
+    EXPECT_EQ(lines[1], "  #  Description           VID:PID    Serial      Location");
+    EXPECT_EQ(lines[2], "  0  Virtual HDMI Capture  FFF0:0C01  VC00000001  1-1");
     EXPECT_TRUE(std::filesystem::is_empty(WorkFolder())) << "--virtual leaves no file behind";
 }
 
@@ -94,10 +95,11 @@ TEST_F(KorvtoolList, JsonListsEveryFieldOfEveryDeviceInScanOrder) {
     ASSERT_EQ(doc["devices"].size(), 2u) << result.out;
     EXPECT_EQ(doc["devices"][0],
               json({{"index", 0}, {"description", "Virtual HDMI Capture"}, {"vid", "FFF0"},
-                    {"pid", "0C01"}, {"serial", "VC00000001"}}));
+                    {"pid", "0C01"}, {"serial", "VC00000001"}, {"location", "1-1"}}));
     EXPECT_EQ(doc["devices"][1]["index"], 1);
     EXPECT_EQ(doc["devices"][1]["pid"], "0C02");
     EXPECT_EQ(doc["devices"][1]["serial"], "VC00000002");
+    EXPECT_EQ(doc["devices"][1]["location"], "1-2");
 }
 
 TEST_F(KorvtoolList, NoDeviceIsNotAnError) {
@@ -235,7 +237,7 @@ TEST_F(KorvtoolInfo, Json) {
 
 TEST_F(KorvtoolInfo, PicksTheDeviceByIndexOrSerial) {
     const std::string settings = Settings(kTwoDevices);
-    for (const char* device : {"1", "VC00000002", "vc00000002"}) {
+    for (const char* device : {"1", "VC00000002", "vc00000002", "1-2"}) {
         const ProcessResult result = Run({"--config", settings, "info", "--device", device, "--json"});
         EXPECT_EQ(result.exitCode, 0) << result.err;
         const json doc = Json(result);
@@ -249,6 +251,20 @@ TEST_F(KorvtoolInfo, PicksTheDeviceByIndexOrSerial) {
     const json firstDoc = Json(first);
     EXPECT_EQ(firstDoc["device"]["serial"], "VC00000001");
     EXPECT_EQ(firstDoc["usb_type"], 3);
+}
+
+TEST_F(KorvtoolInfo, UnitsWithOneSerialArePickedByLocation) {
+    const std::string settings =
+        Settings(kTwoDevices + "Virtual1_PID=0C01\nVirtual1_Serial=VC00000001\n");
+    const std::pair<const char*, const char*> rows[] = {{"1-1", "01.00.01.09"},
+                                                        {"1-2", "01.00.00.09"}};
+    for (const auto& [location, firmware] : rows) {
+        const ProcessResult result = Run({"--config", settings, "-d", location, "--json", "info"});
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(Json(result)["usb_firmware"].get<std::string>().substr(0, 11), firmware) << location;
+    }
+    ExpectErrorLine(Run({"--config", settings, "-d", "VC00000001", "info"}), 1,
+                    "2 devices have the serial number 'VC00000001', at 1-1 and 1-2");
 }
 
 TEST_F(KorvtoolInfo, FailsForADeviceThatIsNotThere) {

@@ -47,6 +47,26 @@ TEST(ChooseDevice, ASerialMadeOfDigitsWinsOverTheIndex) {
     EXPECT_EQ(ChooseDevice(devices, std::string("0")), 1u);
 }
 
+TEST(ChooseDevice, LocationsNameOneUnitWhereSerialsRepeat) {
+    const std::vector<DeviceInfo> bench = {{"A", "FFF0", "0C01", "SAME", "1-2"},
+                                           {"B", "FFF0", "0C01", "SAME", "1-3.4"},
+                                           {"C", "FFF0", "0C01", "1-2", "2-1"},
+                                           {"D", "FFF0", "0C01", "VC7", ""}};
+    const std::pair<const char*, size_t> rows[] = {
+        {"1-3.4", 1}, {"1-2", 0},  // a location before a serial that reads like one
+        {"2-1", 2},   {"vc7", 3},  {"3", 3},
+    };
+    for (const auto& [choice, index] : rows) EXPECT_EQ(ChooseDevice(bench, std::string(choice)), index) << choice;
+
+    // A location is matched exactly; a shared serial names both places.
+    for (const char* choice : {"1-3", "1-3.4.1", " 1-2"})
+        EXPECT_EQ(ErrorOf([&] { ChooseDevice(bench, std::string(choice)); }).first, kExitFailure) << choice;
+    const auto [status, text] = ErrorOf([&] { ChooseDevice(bench, std::string("same")); });
+    EXPECT_EQ(status, kExitFailure);
+    EXPECT_NE(text.find("at 1-2 and 1-3.4"), std::string::npos) << text;
+    EXPECT_NE(text.find("--device LOCATION"), std::string::npos) << text;
+}
+
 TEST(ChooseDevice, RefusesIndexesPastTheEndAndUnknownSerials) {
     auto [status, text] = ErrorOf([] { ChooseDevice(TwoDevices(), std::string("2")); });
     EXPECT_EQ(status, kExitFailure);

@@ -39,14 +39,33 @@ size_t ChooseDevice(const std::vector<DeviceInfo>& devices,
     if (!choice) {
         if (count == 1) return 0;
         throw Failure(std::to_string(count) +
-                      " devices found: choose one with --device INDEX or --device SERIAL "
-                      "('korvtool list' shows them)");
+                      " devices found: choose one with --device INDEX, --device SERIAL or "
+                      "--device LOCATION ('korvtool list' shows them)");
+    }
+    // A port names one device whatever it carries.
+    for (size_t i = 0; i < count; ++i) {
+        if (!devices[i].location.empty() && devices[i].location == *choice) return i;
     }
     // A serial number wins over an index, so that a serial made of digits
-    // still names its device.
+    // still names its device; units that share a serial are told apart by
+    // their ports only.
     const std::string wanted = Lower(*choice);
+    std::vector<size_t> matches;
     for (size_t i = 0; i < count; ++i) {
-        if (!devices[i].serial.empty() && Lower(devices[i].serial) == wanted) return i;
+        if (!devices[i].serial.empty() && Lower(devices[i].serial) == wanted) matches.push_back(i);
+    }
+    if (matches.size() == 1) return matches[0];
+    if (matches.size() > 1) {
+        std::string places;
+        for (size_t k = 0; k < matches.size(); ++k) {
+            const DeviceInfo& device = devices[matches[k]];
+            places += k == 0 ? "" : k + 1 == matches.size() ? " and " : ", ";
+            places += device.location.empty() ? "index " + std::to_string(matches[k])
+                                              : device.location;
+        }
+        throw Failure(std::to_string(matches.size()) + " devices have the serial number '" +
+                      *choice + "', at " + places +
+                      ": choose one by its location with --device LOCATION");
     }
     if (AllDigits(*choice)) {
         const std::optional<unsigned long long> index = WholeNumber(*choice);

@@ -16,13 +16,15 @@ struct DeviceInfo {
     std::string vid;
     std::string pid;
     std::string serial;
-    std::string location;
+    std::string location;  // USB port path ("1-2.4"); "" when unknown
 };
 
-// Picks the device that `choice` (the --device value) names: a serial number
-// (compared without regard to case) or else an index into `devices`. Without
-// a choice the only device is taken. Throws a Failure that says how to choose
-// when the choice names nothing or several devices leave it open.
+// Picks the device that `choice` (the --device value) names: a location
+// (matched exactly), else a serial number (compared without regard to case),
+// else an index into `devices`. Without a choice the only device is taken.
+// Throws a Failure that says how to choose when the choice names nothing,
+// or several devices leave it open (among them a serial that two devices
+// share: the Failure then names their locations).
 size_t ChooseDevice(const std::vector<DeviceInfo>& devices,
                     const std::optional<std::string>& choice);
 

@@ -174,8 +174,11 @@ CommandResult ListDevices(Session& session) {
     const std::vector<DeviceInfo>& devices = session.Scan();
     CommandResult result;
     result.json["devices"] = ordered_json::array();
-    for (size_t i = 0; i < devices.size(); ++i)
-        result.json["devices"].push_back(DeviceJson(i, devices[i]));
+    for (size_t i = 0; i < devices.size(); ++i) {
+        ordered_json entry = DeviceJson(i, devices[i]);
+        entry["location"] = devices[i].location;
+        result.json["devices"].push_back(std::move(entry));
+    }
 
     if (devices.empty()) {
         result.text = "No capture device found. Check that it is plugged in and that the "
@@ -184,15 +187,23 @@ CommandResult ListDevices(Session& session) {
         return result;
     }
     size_t descriptionWidth = std::string("Description").size();
-    for (const DeviceInfo& device : devices)
+    size_t serialWidth = std::string("Serial").size();
+    for (const DeviceInfo& device : devices) {
         descriptionWidth = std::max(descriptionWidth, Describe(device).size());
+        serialWidth = std::max(serialWidth, Printable(device.serial).size());
+    }
     result.text = "Found " + std::to_string(devices.size()) + " capture device" +
                   (devices.size() == 1 ? "" : "s") + ":\n";
-    result.text += "  #  " + Pad("Description", descriptionWidth) + "  VID:PID    Serial\n";
+    result.text += "  #  " + Pad("Description", descriptionWidth) + "  VID:PID    " +
+                   Pad("Serial", serialWidth) + "  Location\n";
     for (size_t i = 0; i < devices.size(); ++i) {
         const DeviceInfo& device = devices[i];
+        // A location the system does not tell shows as "-".
+        const std::string location =
+            device.location.empty() ? std::string("-") : Printable(device.location);
         result.text += "  " + Pad(std::to_string(i), 3) + Pad(Describe(device), descriptionWidth) +
-                       "  " + Pad(VidPid(device), 9) + "  " + Printable(device.serial) + "\n";
+                       "  " + Pad(VidPid(device), 9) + "  " +
+                       Pad(Printable(device.serial), serialWidth) + "  " + location + "\n";
     }
     return result;
 }

@@ -153,9 +153,10 @@ CommandLine::CommandLine() {
                  "(FFF0:0C01, serial VC00000001); nothing needs to exist on disk")
         ->excludes(configOption);
     deviceOption = app.add_option("-d,--device", device,
-                                  "The device to act on: its index in 'korvtool list'\n"
-                                  "or its serial number (default: the only device)")
-                       ->type_name("N|SERIAL");
+                                  "The device to act on: its index in 'korvtool list',\n"
+                                  "its serial number or its location (USB port, such as\n"
+                                  "1-2.4) (default: the only device)")
+                       ->type_name("N|SERIAL|LOCATION");
     app.add_flag("--json", json, "Print the result, or the error, as one JSON document");
     app.add_flag("-v,--verbose", verbose,
                  "Show the library's messages on standard error, each\nline marked [library]");

@@ -185,8 +185,11 @@ const std::vector<DeviceInfo>& Session::Scan() {
     }
     for (uint16_t i = 0; i < count_; ++i) {
         const DeviceEntry& entry = list_[i];
+        char* location = KORVSDK_Get_Device_Location(&entry);
+        const std::string place = location != nullptr ? SafeText(location) : std::string();
+        KORVSDK_Free_PeCHAR(&location);
         devices_.push_back({SafeText(entry.description), SafeText(entry.vid),
-                            SafeText(entry.pid), SafeText(entry.instance)});
+                            SafeText(entry.pid), SafeText(entry.instance), place});
     }
     return devices_;
 }

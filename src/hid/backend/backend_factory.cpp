@@ -9,8 +9,10 @@ std::unique_ptr<HidBackend> CreateHidBackend(const std::string& choice,
                                              const SettingsTable& settings, std::string& note) {
     note.clear();
     if (choice == "virtual") {
+        const auto presence = settings.find("VirtualPresenceFile");
         return std::make_unique<virtualdev::VirtualHidBackend>(
-            virtualdev::ReadVirtualDeviceConfigs(settings));
+            virtualdev::ReadVirtualDeviceConfigs(settings),
+            presence == settings.end() ? std::string() : presence->second);
     }
     std::unique_ptr<HidBackend> backend = CreatePlatformHidBackend();
     if (!choice.empty()) {

@@ -1,7 +1,8 @@
 // Chooses the HidBackend that the library talks through, from the
 // DeviceBackend key of setting.cfg:
 //   (absent)  the platform's own backend: hid.dll on Windows, hidraw on Linux
-//   virtual   the virtual capture device, shaped by the Virtual* keys
+//   virtual   the virtual capture devices, shaped by the Virtual* keys and
+//             plugged in as VirtualPresenceFile says (see presence_file.h)
 #pragma once
 
 #include <memory>

@@ -27,6 +27,11 @@ struct UsbDeviceInfo {
     std::string instanceId;
     // The description the device reports on the bus; "" when unknown.
     std::string busReportedDescription;
+    // Where the device is plugged: its USB port path, the bus (or host
+    // controller) number, "-", then the port on each hub from the root hub
+    // down, joined by "." ("1-2.4.1"). The same port gives the same text
+    // after a re-plug. "" when the backend cannot tell.
+    std::string location;
 };
 
 class HidBackend {
@@ -48,6 +53,10 @@ public:
     // the device is not found. vid/pid are four hexadecimal digits.
     virtual int UsbPortLevel(const std::string& vid, const std::string& pid,
                              const std::string& serial) = 0;
+    // The location (as in UsbDeviceInfo) of the USB device that the HID
+    // interface `path` belongs to; "" when unknown. The selection uses it to
+    // tell apart devices that share a serial number.
+    virtual std::string HidInterfaceLocation(const std::string& /*path*/) { return {}; }
     // Whether HidP_GetExtendedAttributes and HidP_InitializeReportForID can
     // be used (Windows resolves them from HID.DLL at run time).
     virtual bool ResolveRuntimeHidFunctions() = 0;

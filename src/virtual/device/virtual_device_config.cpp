@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstdio>
 #include <optional>
+#include <set>
 #include <utility>
 
 #include "virtual/mcu/mcu_image.h"
@@ -13,6 +14,7 @@ namespace VideoConsoleCore::virtualdev {
 namespace {
 
 constexpr int kMaxDevices = 16;
+constexpr size_t kMaxLocationLength = 64;
 
 const std::string* Find(const SettingsTable& settings, const std::string& key) {
     const auto it = settings.find(key);
@@ -229,6 +231,16 @@ VirtualDeviceConfig ReadVirtualDeviceConfig(const SettingsTable& settings, int n
         text && text->find_first_of("\\&/") == std::string::npos) {
         config.serial = *text;
     }
+    config.location = "1-" + std::to_string(n + 1);
+    // The location is part of the device path too: printable, no blanks,
+    // no separators.
+    if (const std::string* text = Find(settings, p + "Location");
+        text && text->size() <= kMaxLocationLength &&
+        std::all_of(text->begin(), text->end(), [](unsigned char c) {
+            return c > 0x20 && c < 0x7F && c != '\\' && c != '&' && c != '/';
+        })) {
+        config.location = *text;
+    }
     SetText(settings, p + "Description", config.description);
     SetText(settings, p + "Manufacturer", config.manufacturer);
     SetNumber(settings, p + "PortLevel", 10, 2, 3, config.portLevel);
@@ -291,7 +303,13 @@ std::vector<VirtualDeviceConfig> ReadVirtualDeviceConfigs(const SettingsTable& s
     int count = 1;
     SetNumber(settings, "VirtualDeviceCount", 10, 0, kMaxDevices, count);
     std::vector<VirtualDeviceConfig> configs;
-    for (int n = 0; n < count; ++n) configs.push_back(ReadVirtualDeviceConfig(settings, n));
+    std::set<std::string> taken;
+    for (int n = 0; n < count; ++n) {
+        configs.push_back(ReadVirtualDeviceConfig(settings, n));
+        std::string& location = configs.back().location;
+        for (int k = 1; taken.count(location) != 0; ++k) location = "1-" + std::to_string(k);
+        taken.insert(location);
+    }
     return configs;
 }
 

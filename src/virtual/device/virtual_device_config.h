@@ -75,6 +75,9 @@ struct VirtualDeviceConfig {
     uint16_t pid = 0x0C01;
     uint16_t versionNumber = 0x0100;  // bcdDevice
     std::string serial;               // default "VC" + eight digits of the device number
+    // The USB port the device is plugged into ("1-4.2"); default "1-<n+1>"
+    // for device n, so that every device of a bench has a port of its own.
+    std::string location;
     std::string description = "Virtual HDMI Capture";
     std::string manufacturer = "Virtual Capture Devices";
     int portLevel = 3;   // 2 or 3
@@ -124,7 +127,9 @@ inline constexpr uint16_t kMinSmallReportCount = 32;
 inline constexpr uint16_t kMaxSmallReportCount = 254;
 inline constexpr uint16_t kMinDataReportCount = 8;
 
-// The whole set of virtual devices from the settings table.
+// The whole set of virtual devices from the settings table. Two devices
+// cannot share a port: one whose location an earlier device already has
+// is moved to the first free "1-<k>".
 std::vector<VirtualDeviceConfig> ReadVirtualDeviceConfigs(const SettingsTable& settings);
 
 // One device's keys ("Virtual<n>_..."), for device number n.

@@ -89,16 +89,38 @@ std::unique_ptr<VirtualHidBackend::Device> VirtualHidBackend::MakeDevice(
     return device;
 }
 
-VirtualHidBackend::VirtualHidBackend(std::vector<VirtualDeviceConfig> configs) {
+VirtualHidBackend::VirtualHidBackend(std::vector<VirtualDeviceConfig> configs,
+                                     std::string presenceFile) {
     for (const auto& config : configs) devices_.push_back(MakeDevice(config));
+    if (!presenceFile.empty()) {
+        presence_ = std::make_unique<PresenceFile>(std::move(presenceFile));
+        ApplyPresence();
+    }
+}
+
+void VirtualHidBackend::ApplyPresence() {
+    if (!presence_ || !presence_->Refresh()) return;
+    for (auto& device : devices_) {
+        const bool listed = presence_->Plugged(device->config.location);
+        if (device->onBench == listed) continue;
+        device->onBench = listed;
+        if (listed) {
+            ReplugLocked(*device);
+        } else {
+            device->present = false;
+        }
+    }
 }
 
 void VirtualHidBackend::Reset(size_t index) {
     std::lock_guard lock(mutex_);
     std::unique_ptr<Device>& device = devices_.at(index);
     const uint32_t generation = device->generation + 1;
+    const bool onBench = device->onBench;
     device = MakeDevice(device->initial);
     device->generation = generation;
+    device->onBench = onBench;
+    device->present = onBench;
 }
 
 uint32_t VirtualHidBackend::Calls(size_t device, HidCall call) const {
@@ -116,7 +138,7 @@ size_t VirtualHidBackend::OpenHandles() const {
 VirtualHidBackend::~VirtualHidBackend() = default;
 
 std::string VirtualHidBackend::HidPath(size_t device) const {
-    return kHidPathPrefix + devices_.at(device)->config.serial;
+    return kHidPathPrefix + devices_.at(device)->config.location;
 }
 
 bool VirtualHidBackend::Present(size_t device) const {
@@ -147,7 +169,7 @@ void VirtualHidBackend::NoteDataReport(Device& device, bool write) {
 
 void VirtualHidBackend::ReplugIfDue(Device& device) {
     const uint32_t after = device.config.replugAfterUpdateMs;
-    if (after == 0 || !device.flashWritten) return;
+    if (after == 0 || !device.flashWritten || !device.onBench) return;
     if (std::chrono::steady_clock::now() - device.lastData >= std::chrono::milliseconds(after))
         ReplugLocked(device);
 }
@@ -180,6 +202,7 @@ VirtualHidBackend::Device* VirtualHidBackend::Use(hid::HidHandle handle, HidCall
                                                   OpenHandle** open) {
     const auto it = open_.find(reinterpret_cast<uintptr_t>(handle));
     if (it == open_.end()) return nullptr;
+    ApplyPresence();
     Device& device = *devices_[it->second.device];
     ReplugIfDue(device);
     if (!device.present || device.generation != it->second.generation) return nullptr;
@@ -224,6 +247,7 @@ void VirtualHidBackend::Wait(hid::HidHandle handle) {
 bool VirtualHidBackend::EnumerateUsbDevices(std::vector<hid::UsbDeviceInfo>& out) {
     std::lock_guard lock(mutex_);
     out.clear();
+    ApplyPresence();
     for (auto& device : devices_) {
         ReplugIfDue(*device);
         if (PlannedFailure(*device, HidCall::kEnumerateUsbDevices)) return false;
@@ -232,10 +256,10 @@ bool VirtualHidBackend::EnumerateUsbDevices(std::vector<hid::UsbDeviceInfo>& out
         if (!device->present) continue;
         const VirtualDeviceConfig& c = device->config;
         const std::string ids = "USB\\VID_" + Hex4(c.vid) + "&PID_" + Hex4(c.pid);
-        out.push_back({ids + "\\" + c.serial, c.description});
+        out.push_back({ids + "\\" + c.serial, c.description, c.location});
         // The composite device's interfaces: video, then the HID interface.
-        out.push_back({ids + "&MI_00\\" + c.serial + "&0000", "USB Video Device"});
-        out.push_back({ids + "&MI_04\\" + c.serial + "&0004", "USB Input Device"});
+        out.push_back({ids + "&MI_00\\" + c.serial + "&0000", "USB Video Device", c.location});
+        out.push_back({ids + "&MI_04\\" + c.serial + "&0004", "USB Input Device", c.location});
     }
     return true;
 }
@@ -243,12 +267,13 @@ bool VirtualHidBackend::EnumerateUsbDevices(std::vector<hid::UsbDeviceInfo>& out
 bool VirtualHidBackend::EnumerateHidInterfaces(std::vector<std::string>& paths) {
     std::lock_guard lock(mutex_);
     paths.clear();
+    ApplyPresence();
     for (auto& device : devices_) {
         ReplugIfDue(*device);
         if (PlannedFailure(*device, HidCall::kEnumerateHidInterfaces)) return false;
     }
     for (auto& device : devices_) {
-        if (device->present) paths.push_back(kHidPathPrefix + device->config.serial);
+        if (device->present) paths.push_back(kHidPathPrefix + device->config.location);
     }
     return true;
 }
@@ -266,11 +291,20 @@ int VirtualHidBackend::UsbPortLevel(const std::string& vid, const std::string& p
     return -1;
 }
 
+std::string VirtualHidBackend::HidInterfaceLocation(const std::string& path) {
+    std::lock_guard lock(mutex_);
+    for (const auto& device : devices_) {
+        if (path == kHidPathPrefix + device->config.location) return device->config.location;
+    }
+    return {};
+}
+
 hid::HidHandle VirtualHidBackend::Open(const std::string& path) {
     std::lock_guard lock(mutex_);
+    ApplyPresence();
     for (size_t i = 0; i < devices_.size(); ++i) {
         Device& device = *devices_[i];
-        if (!device.present || path != kHidPathPrefix + device.config.serial) continue;
+        if (!device.present || path != kHidPathPrefix + device.config.location) continue;
         if (PlannedFailure(device, HidCall::kOpen)) return hid::kInvalidHidHandle;
         const uintptr_t handle = nextHandle_;
         nextHandle_ += 4;

@@ -1,7 +1,16 @@
 // The virtual capture devices behind the HidBackend table
 // (DeviceBackend=virtual): each configured device is a bridge chip with its
 // SPI flash, seen as one USB device with a composite child per interface
-// and one HID interface whose path is "virtual://hid/<serial>".
+// and one HID interface whose path is "virtual://hid/<location>": devices
+// may share a serial number, never a port.
+//
+// With a presence file (see presence_file.h) a device is plugged in only
+// while the file lists its location. The backend looks at the file at each
+// enumeration, open and HID call: a device whose location left the list is
+// unplugged (its handles fail from the next call on, mid-update too), one
+// whose location came back is plugged in again and boots afresh from its
+// flash. A device that the file keeps unplugged is not re-plugged by its
+// ReplugAfterUpdateMs either.
 //
 // Reports travel as control transfers only (SetOutputReport and
 // GetInputReport); the device has no interrupt endpoint traffic, so Read
@@ -17,6 +26,7 @@
 #include <vector>
 
 #include "hid/backend/descriptor_backend.h"
+#include "virtual/device/presence_file.h"
 #include "virtual/device/virtual_bridge.h"
 #include "virtual/device/virtual_device_config.h"
 #include "virtual/device/virtual_flash.h"
@@ -28,7 +38,9 @@ inline constexpr const char* kHidPathPrefix = "virtual://hid/";
 
 class VirtualHidBackend : public hid::DescriptorHidBackend {
 public:
-    explicit VirtualHidBackend(std::vector<VirtualDeviceConfig> configs);
+    // `presenceFile` "" = no presence file: every device starts plugged in.
+    explicit VirtualHidBackend(std::vector<VirtualDeviceConfig> configs,
+                               std::string presenceFile = {});
     ~VirtualHidBackend() override;
     VirtualHidBackend(const VirtualHidBackend&) = delete;
     VirtualHidBackend& operator=(const VirtualHidBackend&) = delete;
@@ -71,6 +83,7 @@ public:
     bool EnumerateHidInterfaces(std::vector<std::string>& paths) override;
     int UsbPortLevel(const std::string& vid, const std::string& pid,
                      const std::string& serial) override;
+    std::string HidInterfaceLocation(const std::string& path) override;
 
     hid::HidHandle Open(const std::string& path) override;
     void Close(hid::HidHandle handle) override;
@@ -108,6 +121,7 @@ private:
         std::unique_ptr<VirtualMcu> mcu;              // on the bridge's I2C bus
         std::unique_ptr<BootloaderLine> bootRequest;  // GPIO pin 1 to the MCU
         bool present = true;
+        bool onBench = true;      // plugged in by the presence file (or none)
         uint32_t generation = 0;  // bumped by each replug
         uint32_t transfers = 0;
         uint32_t calls[16] = {};  // per HidCall, for the planned failure
@@ -134,6 +148,8 @@ private:
     void NoteDataReport(Device& device, bool write);
     void ReplugIfDue(Device& device);
     void ReplugLocked(Device& device);
+    // Follows a change of the presence file: unplugs and re-plugs devices.
+    void ApplyPresence();
     void Wait(hid::HidHandle handle);
     bool String(hid::HidHandle handle, HidCall call, int which, void* buffer, uint32_t length);
 
@@ -141,6 +157,7 @@ private:
     std::vector<std::unique_ptr<Device>> devices_;
     std::unordered_map<uintptr_t, OpenHandle> open_;
     uintptr_t nextHandle_ = 0x5600;
+    std::unique_ptr<PresenceFile> presence_;
 };
 
 }  // namespace VideoConsoleCore::virtualdev

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <map>
 
 #include "hid/backend/linux/descriptor_outline.h"
 #include "hid/backend/linux/linux_hidraw_backend.h"
@@ -165,6 +166,33 @@ TEST_F(LinuxHidraw, PortLevelFromSpeedOrUsb3Peer) {
     EXPECT_EQ(backend.UsbPortLevel("FFF1", "0001", "A"), -1);
     EXPECT_EQ(backend.UsbPortLevel("FFF0", "0001", "E"), -1);
     EXPECT_EQ(backend.UsbPortLevel("VID", "0001", "A"), -1);
+}
+
+// ---- Location -----------------------------------------------------------------
+
+TEST_F(LinuxHidraw, LocationIsTheUsbPortPath) {
+    // A capture device behind two hubs, and one on a root-hub port.
+    const Attributes hub = {{"idVendor", "05e3"}, {"idProduct", "0610"}, {"bDeviceClass", "09"}};
+    const auto outer = sysfs.AddUsb("3-1", hub);
+    const auto inner = sysfs.AddUsb("3-1.4", hub, outer);
+    const auto unit = sysfs.AddUsb(
+        "3-1.4.2", {{"idVendor", "fff0"}, {"idProduct", "0001"}, {"serial", "SN7"}}, inner);
+    const auto unitInterface = sysfs.AddUsb("3-1.4.2:1.0", {{"bInterfaceNumber", "00"}}, unit);
+    sysfs.AddHidraw(unitInterface, "hidraw3", MakeDevice(kTwoCollectionDescriptor));
+    sysfs.AddUsb("1-2", {{"idVendor", "fff0"}, {"idProduct", "0001"}, {"serial", "SN8"}});
+
+    std::map<std::string, std::string> locations;
+    for (const UsbDeviceInfo& info : UsbDevices()) locations[info.instanceId] = info.location;
+    EXPECT_EQ(locations["USB\\VID_FFF0&PID_0001\\SN7"], "3-1.4.2");
+    EXPECT_EQ(locations["USB\\VID_FFF0&PID_0001\\SN8"], "1-2");
+    EXPECT_EQ(locations["USB\\VID_05E3&PID_0610\\3-1.4"], "3-1.4");
+
+    // Every collection path of the node names the device's port.
+    std::vector<std::string> paths;
+    ASSERT_TRUE(backend.EnumerateHidInterfaces(paths));
+    ASSERT_EQ(paths.size(), 2u);
+    for (const std::string& path : paths) EXPECT_EQ(backend.HidInterfaceLocation(path), "3-1.4.2") << path;
+    EXPECT_EQ(backend.HidInterfaceLocation(std::string(kFakeDevRoot) + "/hidraw9"), "");
 }
 
 // ---- HID interfaces, open and close -----------------------------------------

@@ -202,14 +202,15 @@ bool LinuxHidrawBackend::EnumerateUsbDevices(std::vector<UsbDeviceInfo>& devices
     for (const sysfs::UsbDevice& device : *found) {
         char ids[32];
         std::snprintf(ids, sizeof ids, "USB\\VID_%04X&PID_%04X", device.vendorId, device.productId);
-        devices.push_back({std::string(ids) + "\\" + device.identity, device.product});
+        // The sysfs name of a USB device is its port path ("1-2.4.1").
+        devices.push_back({std::string(ids) + "\\" + device.identity, device.product, device.name});
         // Windows gives each interface of a composite device an entry of its
         // own; a single-interface device has none.
         if (device.interfaces.size() < 2) continue;
         for (const sysfs::UsbInterface& usbInterface : device.interfaces) {
             char mi[16];
             std::snprintf(mi, sizeof mi, "&MI_%02X\\", usbInterface.number);
-            devices.push_back({ids + (mi + usbInterface.name), usbInterface.description});
+            devices.push_back({ids + (mi + usbInterface.name), usbInterface.description, device.name});
         }
     }
     return true;
@@ -269,6 +270,13 @@ int LinuxHidrawBackend::UsbPortLevel(const std::string& vid, const std::string& 
         return 2;
     }
     return -1;
+}
+
+std::string LinuxHidrawBackend::HidInterfaceLocation(const std::string& path) {
+    const std::string nodePath = SplitCollectionPath(path).first;
+    const std::string usbDir = sysfs::FindUsbDeviceFolder(
+        sysfs::ResolvedPath(sysRoot_ + "/class/hidraw/" + BaseName(nodePath)));
+    return usbDir.empty() ? std::string() : BaseName(usbDir);
 }
 
 // ---- Handles ----------------------------------------------------------------

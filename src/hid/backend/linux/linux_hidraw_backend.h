@@ -36,6 +36,7 @@ public:
     bool EnumerateHidInterfaces(std::vector<std::string>& paths) override;
     int UsbPortLevel(const std::string& vid, const std::string& pid,
                      const std::string& serial) override;
+    std::string HidInterfaceLocation(const std::string& path) override;
 
     HidHandle Open(const std::string& path) override;
     void Close(HidHandle handle) override;
