@@ -22,10 +22,10 @@ using namespace korvtool_test;
 using korvtool::station::ChildProcess;
 
 // Eight units of one model on eight ports (locations and serial numbers
-// distinct by default), updating the firmware area only.
+// distinct by default).
 std::string Bench(int count, const std::string& extra = "") {
     return kBase + "DevIDNum=2\nDevDrvID0=USB\\VID_FFF0&PID_0C01\nDevDrvID1=USB\\VID_FFF0&PID_0C02\n"
-                   "FW_Overwrite=0\nUSB_Burn_Area=1\nVirtualDeviceCount=" +
+                   "FW_Overwrite=0\nVirtualDeviceCount=" +
            std::to_string(count) + "\n" + extra;
 }
 
@@ -76,9 +76,13 @@ protected:
 };
 
 TEST_F(Station, EightUnitsAtOnceEachInTheHistoryAndTheSummary) {
-    const std::string cfg = Settings(Bench(8));
-    const ProcessResult result = Run({"--config", cfg, "--json", "station", "--usb", "fw.hex", "--mcu",
-                                      "mcu.bin", "--run-dir", "run", "--report", "units.csv"});
+    // Each unit is re-plugged 4 s after its flash was last written.
+    std::string replugs;
+    for (int n = 0; n < 8; ++n) replugs += "Virtual" + std::to_string(n) + "_ReplugAfterUpdateMs=4000\n";
+    const std::string cfg = Settings(Bench(8, replugs));
+    const ProcessResult result =
+        Run({"--config", cfg, "--json", "station", "--usb", "fw.hex", "--mcu", "mcu.bin",
+             "--wait-replug", "30", "--run-dir", "run", "--report", "units.csv"});
     ASSERT_EQ(result.exitCode, 0) << result.out << result.err;
     const std::vector<json> events = Events(result.out);
     ASSERT_FALSE(events.empty());
@@ -99,8 +103,9 @@ TEST_F(Station, EightUnitsAtOnceEachInTheHistoryAndTheSummary) {
     ASSERT_EQ(units.size(), 8u);
     for (const auto& [location, unit] : units) {
         EXPECT_EQ(unit["result"], "pass") << location;
-        EXPECT_NE(unit["usb_before"], unit["usb_after"]) << location;
-        EXPECT_EQ(unit["mcu_after"], "0D.18.00") << location;
+        // Confirmed after the re-plug.
+        EXPECT_EQ(unit["usb_after"], "01.00.02.00.0000") << location;
+        EXPECT_EQ(unit["mcu_after"], "0d.18.00") << location;
         // The unit's worker kept the library's log in the unit's folder.
         size_t logs = 0;
         for (const auto& file : std::filesystem::directory_iterator(unit["folder"].get<std::string>()))
@@ -112,7 +117,7 @@ TEST_F(Station, EightUnitsAtOnceEachInTheHistoryAndTheSummary) {
     ASSERT_EQ(records.size(), 8u);
     for (const json& record : records) {
         EXPECT_EQ(record["result"], "pass");
-        EXPECT_EQ(record["steps"].size(), 3u) << record.dump();  // check, mcu, usb
+        EXPECT_EQ(record["steps"].size(), 4u) << record.dump();  // check, mcu, usb, replug
     }
 }
 
@@ -125,7 +130,7 @@ TEST_F(Station, EachUnitsFaultStaysInItsRow) {
         // 2 and 3: one serial number on two ports
         "Virtual2_Serial=DUPLICATE1\nVirtual3_Serial=DUPLICATE1\n"
         // 4: unplugged in the middle of its update
-        "Virtual4_UnplugAfter=60\n"
+        "Virtual4_UnplugAfter=700\n"
         // 5: its worker crashes; 6: its worker hangs
         "Virtual5_CrashAfter=40\nVirtual6_HangAfter=40\n"
         // 7: another model, whose check refuses the image
@@ -146,7 +151,7 @@ TEST_F(Station, EachUnitsFaultStaysInItsRow) {
         {"up to date", 1, "nothing written"},
         {"refused", 0, "cannot tell them apart"},
         {"refused", 0, "cannot tell them apart"},
-        {"fail", 2, ""},
+        {"fail", 2, "unplugged"},
         {"fail", 2, "ended without a result"},
         {"fail", 2, "stopped reporting"},
         {"fail", 1, "refused"},
@@ -234,7 +239,7 @@ TEST_F(Station, ContinuousModePlugUnplugAndCtrlC) {
     const std::filesystem::path presence = WorkFolder() / "present.txt";
     // Device 2 is slow: its update is still running when Ctrl-C comes.
     const std::string cfg = Settings(Bench(3, "VirtualPresenceFile=" + presence.string() +
-                                                  "\nVirtual2_LatencyMs=3\n"));
+                                                  "\nVirtual2_LatencyMs=3\nUSB_Burn_Area=1\n"));
     WritePresence(presence, {"1-1"});
     Background station(ThisProgramFolder() / kProgram,
                        {"--config", (WorkFolder() / cfg).string(), "--json", "station", "--usb",
@@ -269,7 +274,7 @@ TEST_F(Station, ContinuousModePlugUnplugAndCtrlC) {
 // unit's record reaches the history.
 TEST_F(Station, AKilledStationLosesNoRecord) {
     const std::string cfg = Settings(Bench(4, "Virtual0_LatencyMs=2\nVirtual1_LatencyMs=2\n"
-                                              "Virtual2_LatencyMs=2\nVirtual3_LatencyMs=2\n"));
+                                              "Virtual2_LatencyMs=2\nVirtual3_LatencyMs=2\nUSB_Burn_Area=1\n"));
     Background station(ThisProgramFolder() / kProgram,
                        {"--config", (WorkFolder() / cfg).string(), "--json", "station", "--usb",
                         (WorkFolder() / "fw.hex").string(), "--run-dir",

@@ -96,7 +96,6 @@ struct CommandLine {
     std::string stationWait;
     CLI::Option* stationWaitOption = nullptr;
     korvtool::station::UnitJob unitJob;
-    std::string unitLogFolder;
     int unitWait = 0;
     CLI::Option* unitWaitOption = nullptr;
 
@@ -336,7 +335,6 @@ CommandLine::CommandLine() {
     unit->add_option("--run", unitJob.run);
     unit->add_option("--station", unitJob.station);
     unit->add_option("--attempt", unitJob.attempt);
-    unit->add_option("--log-folder", unitLogFolder);
 
     Command(app, "dump-log", "Copy the library's log file for a problem report",
             std::string("Writes Dump_Log_<time>.txt into the folder; needs EnableLocalLogging=1 "
@@ -648,12 +646,9 @@ int main(int argc, char** argv) {
         // default is the device's classic order).
         if (command == "update usb" || command == "station-unit")
             source.defaults.push_back("USB_Entire_Valid_Last=1");
-        // A station's worker keeps the library's log in its unit's folder.
-        if (command == "station-unit" && !cli.unitLogFolder.empty()) {
-            for (const char* line : {"EnableLocalLogging=1", "GenToCurrentFolder=1"})
-                source.overrides.push_back(line);
-            source.overrides.push_back("CurrentFolderName=" + cli.unitLogFolder);
-        }
+        // A station's worker keeps the library's log: in its working
+        // folder, the unit's, whose setting.cfg says so.
+        if (command == "station-unit") source.overrides.push_back("EnableLocalLogging=1");
         session.Open(source);
         const CommandResult result = run(session);
         if (result.jsonStreamed) return result.status;

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <random>
@@ -126,6 +127,11 @@ void Station::Prepare() {
                   run_;
     }
     std::error_code error;
+    // Workers run in their units' folders: a history named relative to
+    // this one's working folder is named in full for them.
+    if (const char* history = std::getenv("KORVTOOL_HISTORY");
+        history != nullptr && *history != '\0' && std::filesystem::path(history).is_relative())
+        SetEnvironment("KORVTOOL_HISTORY", Absolute(history).string());
     std::filesystem::create_directories(folder_ / "units", error);
     if (error)
         throw Failure("the run's folder '" + folder_.string() + "' could not be made: " +
@@ -236,13 +242,21 @@ void Station::Start(Unit& unit) {
         std::error_code error;
         std::filesystem::create_directories(folder, error);
         unit.folder = folder;
+        // The library puts its log where the setting.cfg of its working
+        // folder says: here, the unit's folder.
+        try {
+            const std::string text = "GenToCurrentFolder=1\nCurrentFolderName=.\n";
+            WriteInPlace((folder / "setting.cfg").string(), std::vector<uint8_t>(text.begin(), text.end()));
+        } catch (const ToolError& e) {
+            view_.Note(std::string("korvtool: warning: the unit's log stays elsewhere: ") + e.what());
+        }
     }
     std::vector<std::string> arguments = options_.settingsArguments;
     const std::string attempt = std::to_string(unit.attempts);
     for (const std::string& argument :
          {std::string("--device"), unit.location, std::string("--json"), std::string("station-unit"),
           std::string("--run"), run_, std::string("--station"), name_, std::string("--attempt"),
-          attempt, std::string("--log-folder"), unit.folder.string()})
+          attempt})
         arguments.push_back(argument);
     const Recipe& recipe = options_.recipe;
     if (!recipe.usbFile.empty()) arguments.insert(arguments.end(), {"--usb", Absolute(recipe.usbFile).string()});
@@ -257,7 +271,7 @@ void Station::Start(Unit& unit) {
     unit.state = UnitState::kRunning;
     try {
         unit.worker = std::make_unique<ChildProcess>(
-            program_, arguments, unit.folder / ("korvtool-attempt-" + attempt + ".txt"));
+            program_, arguments, unit.folder / ("korvtool-attempt-" + attempt + ".txt"), unit.folder);
     } catch (const ToolError& e) {
         unit.state = UnitState::kFailed;
         unit.message = e.what();

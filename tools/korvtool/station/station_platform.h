@@ -32,12 +32,13 @@ struct ExitStatus {
 
 class ChildProcess {
 public:
-    // Starts `program` with `arguments` (not counting the program itself).
-    // Standard input is the null device; standard error goes to a new file
-    // `errorFile` (refused when something is already there). Throws a
-    // Failure when the process cannot be started.
+    // Starts `program` with `arguments` (not counting the program itself)
+    // in the working folder `folder` ("" = this process's). Standard input
+    // is the null device; standard error goes to a new file `errorFile`
+    // (refused when something is already there). Throws a Failure when the
+    // process cannot be started.
     ChildProcess(const std::filesystem::path& program, const std::vector<std::string>& arguments,
-                 const std::filesystem::path& errorFile);
+                 const std::filesystem::path& errorFile, const std::filesystem::path& folder = {});
     // Forgets the process without stopping it.
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
@@ -70,6 +71,9 @@ std::filesystem::path OwnProgram();
 // Sleeps up to `milliseconds`, returning early when a worker's output may
 // have something (POSIX polls the pipes; Windows sleeps).
 void WaitForOutput(const std::vector<ChildProcess*>& children, int milliseconds);
+
+// Sets an environment variable of this process (and its future workers).
+void SetEnvironment(const std::string& name, const std::string& value);
 
 // Lets standard output take the cursor movements of the live table
 // (a Windows console must be switched to them); false when it cannot.

@@ -32,7 +32,8 @@ std::string ExitStatus::Describe() const {
 
 ChildProcess::ChildProcess(const std::filesystem::path& program,
                            const std::vector<std::string>& arguments,
-                           const std::filesystem::path& errorFile)
+                           const std::filesystem::path& errorFile,
+                           const std::filesystem::path& folder)
     : native_(std::make_unique<Native>()) {
     int pipeEnds[2];
     if (pipe2(pipeEnds, O_CLOEXEC) != 0)
@@ -47,6 +48,7 @@ ChildProcess::ChildProcess(const std::filesystem::path& program,
     // refused rather than followed or overwritten.
     posix_spawn_file_actions_addopen(&actions, 2, errorFile.c_str(),
                                      O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (!folder.empty()) posix_spawn_file_actions_addchdir_np(&actions, folder.c_str());
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     // Its own process group: Ctrl-C at the terminal reaches the station
@@ -157,5 +159,9 @@ std::string HostName() {
 }
 
 bool PrepareTerminal() { return true; }
+
+void SetEnvironment(const std::string& name, const std::string& value) {
+    setenv(name.c_str(), value.c_str(), 1);
+}
 
 }  // namespace korvtool::station

@@ -62,7 +62,8 @@ std::string ExitStatus::Describe() const {
 
 ChildProcess::ChildProcess(const std::filesystem::path& program,
                            const std::vector<std::string>& arguments,
-                           const std::filesystem::path& errorFile)
+                           const std::filesystem::path& errorFile,
+                           const std::filesystem::path& folder)
     : native_(std::make_unique<Native>()) {
     SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
     HANDLE readEnd = nullptr, writeEnd = nullptr;
@@ -108,7 +109,8 @@ ChildProcess::ChildProcess(const std::filesystem::path& program,
     const DWORD flags = CREATE_NEW_PROCESS_GROUP | CREATE_UNICODE_ENVIRONMENT |
                         (listed ? EXTENDED_STARTUPINFO_PRESENT : 0);
     const BOOL started = CreateProcessW(program.wstring().c_str(), commandLine.data(), nullptr,
-                                        nullptr, TRUE, flags, nullptr, nullptr,
+                                        nullptr, TRUE, flags, nullptr,
+                                        folder.empty() ? nullptr : folder.c_str(),
                                         &startup.StartupInfo, &info);
     const std::string why = started ? std::string() : LastErrorText();
     if (listed) DeleteProcThreadAttributeList(list);
@@ -207,6 +209,11 @@ std::string HostName() {
     WideCharToMultiByte(CP_UTF8, 0, wide.data(), static_cast<int>(wide.size()), text.data(), bytes,
                         nullptr, nullptr);
     return text;
+}
+
+void SetEnvironment(const std::string& name, const std::string& value) {
+    SetEnvironmentVariableW(Wide(name).c_str(), Wide(value).c_str());
+    _wputenv_s(Wide(name).c_str(), Wide(value).c_str());
 }
 
 bool PrepareTerminal() {

@@ -59,6 +59,12 @@ public:
         } catch (const ToolError& e) {
             entry_["result"] = "fail";
             entry_["message"] = e.what();
+            // A unit pulled out makes the library's words misleading (a
+            // file check then reads as a refusal): said first.
+            if (!StillPlugged()) {
+                entry_["message"] = "the unit was unplugged: " + std::string(e.what());
+                retry_ = true;
+            }
         } catch (const std::exception& e) {
             entry_["result"] = "fail";
             entry_["message"] = std::string("unexpected failure: ") + e.what();
@@ -78,6 +84,15 @@ public:
     }
 
 private:
+    bool StillPlugged() {
+        try {
+            for (const DeviceInfo& device : session_.Scan())
+                if (device.location == job_.location) return true;
+        } catch (const ToolError&) {
+        }
+        return false;
+    }
+
     void Emit(const ordered_json& event) { display_.Event(event, ""); }
 
     // One step: announced, timed, and recorded whatever its end.
@@ -182,8 +197,13 @@ private:
                 }
             });
         }
-        if (usb) entry_["usb_after"] = InstalledVersion(session_, false);
-        if (mcu) entry_["mcu_after"] = InstalledVersion(session_, true);
+        // What a unit runs after its writes shows only after its re-plug:
+        // until then the bridge runs its old firmware and the
+        // microcontroller restarts.
+        if (job_.recipe.waitReplugSeconds) {
+            if (usb) entry_["usb_after"] = InstalledVersion(session_, false);
+            if (mcu) entry_["mcu_after"] = InstalledVersion(session_, true);
+        }
         entry_["result"] = "pass";
         entry_["message"] = job_.recipe.waitReplugSeconds
                                 ? "written and confirmed after the re-plug"
