@@ -513,8 +513,8 @@ int ShowHistory(const CommandLine& cli) {
     if (!database.Open(file, problem) || !database.Read(filter, entries, problem))
         throw korvtool::Failure(problem);
     if (database.ImportSkipped() > 0)
-        std::fprintf(stderr, "korvtool: warning: %zu lines of the old history file were no history "
-                             "entries and were not imported\n", database.ImportSkipped());
+        std::fprintf(stderr, "korvtool: warning: the old history file had %zu line(s) that were no "
+                             "history entries; they were not imported\n", database.ImportSkipped());
     if (cli.json) {
         const ordered_json doc = {{"command", "history"}, {"ok", true},
                                   {"file", file.string()}, {"entries", entries}};
