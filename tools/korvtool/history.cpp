@@ -311,6 +311,9 @@ bool HistoryDatabase::Open(const fs::path& file, std::string& problem,
         const fs::path folder = fs::canonical(file.parent_path(), error);
         if (!error) file_ = folder / file.filename();
     }
+    // SQLITE_OPEN_NOFOLLOW came with 3.31; an older library would ignore it.
+    if (sqlite3_libversion_number() < 3031000)
+        return fail(std::string("korvtool needs SQLite 3.31 or later, not ") + sqlite3_libversion());
     if (const std::string why = PrepareFiles(file_); !why.empty()) return fail(why);
     int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
 #ifndef _WIN32
@@ -357,8 +360,17 @@ bool HistoryDatabase::Setup(std::string& problem) {
         return false;
     };
     if (!Exec(kSchema, problem)) return rollback(problem, problem);
-    const std::string version = "PRAGMA user_version=" + std::to_string(kSchemaVersion);
-    if (!Exec(version.c_str(), problem)) return rollback(problem, problem);
+    // A new database gets this layout's number; one a later korvtool made
+    // keeps its own.
+    {
+        const Statement query = Prepare(db_, "PRAGMA user_version", code);
+        const int step = code == SQLITE_OK ? sqlite3_step(query.get()) : code;
+        if (step != SQLITE_ROW) return rollback(Why(step), problem);
+        if (sqlite3_column_int(query.get(), 0) == 0) {
+            const std::string version = "PRAGMA user_version=" + std::to_string(kSchemaVersion);
+            if (!Exec(version.c_str(), problem)) return rollback(problem, problem);
+        }
+    }
     if (marked(code)) return Exec("COMMIT", problem) || rollback(problem, problem);
     if (code != SQLITE_OK) return rollback(Why(code), problem);
 
