@@ -381,7 +381,8 @@ bool HistoryDatabase::Setup(std::string& problem) {
     old.replace_extension(".jsonl");
     imported_ = importSkipped_ = 0;
     std::error_code error;
-    const bool exists = old != file_ && fs::exists(old, error);
+    // Only a regular file: a FIFO planted at the name would never end.
+    const bool exists = old != file_ && fs::is_regular_file(old, error);
     std::ifstream in;
     if (exists) {
         in.open(old, std::ios::binary);
@@ -530,16 +531,25 @@ std::string HistoryCsv(const std::vector<ordered_json>& entries) {
         if (!text.empty() && std::strchr("=+-@", text[0]) != nullptr) text.insert(0, "'");
         if (text.find_first_of(",\"") == std::string::npos) return text;
         std::string quoted = "\"";
-        for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-        return quoted + "\"";
+        for (const char c : text) {
+            if (c == '"') quoted += '"';  // doubled
+            quoted += c;
+        }
+        quoted += '"';
+        return quoted;
     };
     std::string text;
-    for (size_t c = 0; c < kColumnCount; ++c) text += std::string(c > 0 ? "," : "") + kColumns[c];
+    for (size_t c = 0; c < kColumnCount; ++c) {
+        if (c > 0) text += ',';
+        text += kColumns[c];
+    }
     text += "\r\n";
     for (const ordered_json& entry : entries) {
         const std::vector<std::optional<std::string>> values = ColumnsOf(entry);
-        for (size_t c = 0; c < kColumnCount; ++c)
-            text += (c > 0 ? "," : "") + cell(values[c].value_or(""));
+        for (size_t c = 0; c < kColumnCount; ++c) {
+            if (c > 0) text += ',';
+            text += cell(values[c].value_or(""));
+        }
         text += "\r\n";
     }
     return text;

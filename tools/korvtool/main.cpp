@@ -273,13 +273,17 @@ CommandLine::CommandLine() {
                     "(2026-11-23T14:05:09Z),\nbounds included. --json prints the entries as they "
                     "were recorded, --csv a table\nfor a spreadsheet.\n") +
             "Database: " + korvtool::HistoryPath().string() + "\n" + kGlobalOptionsNote);
-    history->add_option("--serial", historyFilter.serial, "Only the records of this serial number");
-    history->add_option("--run", historyFilter.run, "Only the records of this station run");
+    history->add_option("--serial", historyFilter.serial, "Only the records of this serial number")
+        ->type_name("SERIAL");
+    history->add_option("--run", historyFilter.run, "Only the records of this station run")
+        ->type_name("ID");
     history->add_option("--result", historyFilter.result,
                         "Only the records with this result (pass, fail, up to date,\n"
-                        "completed, confirmed, failed, ...)");
+                        "completed, confirmed, failed, ...)")
+        ->type_name("RESULT");
     history->add_option("--location", historyFilter.location,
-                        "Only the records of the device at this USB location");
+                        "Only the records of the device at this USB location")
+        ->type_name("LOCATION");
     history->add_option("--since", historySince, "Only the records from this time on")
         ->type_name("TIME");
     history->add_option("--until", historyUntil, "Only the records up to this time")
