@@ -528,7 +528,7 @@ std::string HistoryTable(const std::vector<ordered_json>& entries) {
 std::string HistoryCsv(const std::vector<ordered_json>& entries) {
     const auto cell = [](const std::string& raw) {
         std::string text = Printable(raw);
-        if (!text.empty() && std::strchr("=+-@", text[0]) != nullptr) text.insert(0, "'");
+        if (!text.empty() && std::strchr("=+-@", text[0]) != nullptr) text.insert(text.begin(), '\'');
         if (text.find_first_of(",\"") == std::string::npos) return text;
         std::string quoted = "\"";
         for (const char c : text) {
