@@ -48,7 +48,7 @@ for file in bin/KORVSDKDeviceTool.dll bin/korvtool.exe bin/hidcaps.exe \
   include/KORVSDKDeviceTool.h include/VideoConsoleCore.h \
   samples/quickstart.c samples/quickstart.cpp samples/virtual-setting.cfg README.md \
   licenses/spdlog.txt licenses/fmt.txt licenses/CLI11.txt licenses/nlohmann-json.txt \
-  licenses/mingw-w64-runtime.txt licenses/gcc-runtime-libraries.txt; do
+  licenses/mingw-w64-runtime.txt licenses/gcc-runtime-libraries.txt licenses/SQLite.txt; do
   grep -qxF "./$file" "$work/listing" || fail "missing: $file"
 done
 grep -q "GCC RUNTIME LIBRARY EXCEPTION" "$top/licenses/gcc-runtime-libraries.txt" ||

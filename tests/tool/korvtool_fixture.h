@@ -53,7 +53,7 @@ class Korvtool : public ::testing::Test {
 protected:
     // Each test keeps its own update history, in its working folder.
     Korvtool() {
-        const std::string history = (work_.path() / "history.jsonl").string();
+        const std::string history = (work_.path() / "history.sqlite").string();
 #ifdef _WIN32
         _putenv_s("KORVTOOL_HISTORY", history.c_str());
 #else

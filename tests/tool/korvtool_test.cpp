@@ -63,6 +63,8 @@ TEST_F(KorvtoolUsage, CommandLineMistakes) {
         {{"--virtual", "audio", "set", "bass", "3"}, "there is no audio control 'bass'"},
         {{"--config", "nowhere.cfg", "list"}, "'nowhere.cfg' does not exist"},
         {{"list"}, "no setting.cfg in the working folder"},
+        {{"history", "--since", "yesterday"}, "a time must be a UTC date"},
+        {{"history", "--limit", "0"}, "--limit"},
     };
     for (const auto& [args, part] : cases) {
         SCOPED_TRACE(part);
@@ -637,6 +639,50 @@ TEST_F(KorvtoolUpdate, BackupAndLogDumpFailuresLeaveNothing) {
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_TRUE(Contains(result.err, "Cannot create")) << result.err;
     EXPECT_FALSE(std::filesystem::exists(WorkFolder() / "nowhere"));
+}
+
+// ---- history --------------------------------------------------------------
+
+// korvtool history over the records of an older korvtool's JSON lines and a
+// station's: the filters pick, each form shows them, and a device's text
+// reaches the terminal escaped and a spreadsheet as text.
+TEST_F(Korvtool, HistoryFiltersAndForms) {
+    korvsdk_test::WriteFile(
+        WorkFolder() / "history.jsonl",
+        "{\"time\":\"2026-11-22T08:00:00Z\",\"serial\":\"S1\",\"kind\":\"usb\","
+        "\"file\":\"/f/new.hex\",\"result\":\"completed\"}\n"
+        "{\"time\":\"2026-11-23T14:05:09Z\",\"command\":\"station\",\"run\":\"R1\","
+        "\"location\":\"1-4.2\",\"serial\":\"=S2\\u001b[2J\",\"usb_before\":\"1\","
+        "\"usb_after\":\"2\",\"result\":\"pass\",\"message\":\"ok, done\"}\n");
+    struct Row {
+        std::vector<std::string> args;
+        std::vector<std::string> lines;  // the output's, each a part of its line
+    };
+    const Row rows[] = {
+        {{"history"}, {"COMMAND     RUN  LOCATION  SERIAL      BEFORE", "completed  new.hex",
+                       "R1   1-4.2     =S2\\x1b[2J  1       2      pass"}},
+        {{"history", "--serial", "S1"}, {"COMMAND     SERIAL  RESULT", "S1"}},
+        {{"history", "--run", "R1", "--csv"},
+         {"time,command,run,station,location,serial,",
+          "2026-11-23T14:05:09Z,station,R1,,1-4.2,'=S2\\x1b[2J,,,pass,\"ok, done\",1,2,,,"}},
+        {{"history", "--since", "2026-11-23", "--result", "completed"}, {"No records match"}},
+        {{"history", "--until", "2026-11-22T08:00:00Z", "--limit", "1", "--csv"},
+         {"time,", "2026-11-22T08:00:00Z,update usb,,,,S1,"}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(::testing::PrintToString(row.args));
+        const ProcessResult result = Run(row.args);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        const std::vector<std::string> lines = Lines(result.out);
+        ASSERT_EQ(lines.size(), row.lines.size()) << result.out;
+        for (size_t i = 0; i < lines.size(); ++i)
+            EXPECT_TRUE(Contains(lines[i], row.lines[i])) << lines[i];
+        EXPECT_EQ(result.out.find('\x1b'), std::string::npos);
+    }
+    const json doc = Json(Run({"--json", "history", "--location", "1-4.2"}));
+    ASSERT_EQ(doc["entries"].size(), 1u) << doc.dump();
+    EXPECT_EQ(doc["entries"][0]["serial"], "=S2\x1b[2J");
+    EXPECT_EQ(doc["entries"][0]["message"], "ok, done");
 }
 
 }  // namespace

@@ -18,7 +18,6 @@
 #include "device_lock.h"
 #include "device_reports.h"
 #include "errors.h"
-#include "history.h"
 #include "safe_text.h"
 
 namespace korvtool {
@@ -346,53 +345,6 @@ TEST(DeviceLock, RefusesALockAnotherUserCouldHoldOrReplace) {
         EXPECT_NE(problem.find(row.why), std::string::npos) << problem;
         EXPECT_EQ(Contents(victim), "victim\n");
         EXPECT_TRUE(std::filesystem::is_empty(victimFolder));
-    }
-}
-
-// The history is appended to a file of the user's own, made for the user
-// alone; a link planted at its name, or another user's file, is not
-// written (the caller warns).
-TEST(History, AppendsOnlyToAFileOfTheUsersOwn) {
-    const ScratchFolder scratch;
-    const std::filesystem::path history = scratch.path() / "history.jsonl";
-    const std::filesystem::path victim = scratch.path() / "victim";
-    const std::filesystem::path missing = scratch.path() / "missing";
-    const nlohmann::ordered_json entry = {{"kind", "usb"}, {"serial", "SN\x1b[2J\xc2\x9b"}};
-    std::string problem;
-    ASSERT_TRUE(AppendHistory(history, entry, problem)) << problem;
-    EXPECT_EQ(std::filesystem::status(history).permissions(), std::filesystem::perms::owner_read |
-                                                                 std::filesystem::perms::owner_write);
-    size_t skipped = 0;
-    EXPECT_EQ(ReadHistory(history, skipped), std::vector<nlohmann::ordered_json>{entry});
-    EXPECT_EQ(Contents(history).find('\x1b'), std::string::npos) << "no raw control character";
-
-    struct Row {
-        const char* name;
-        std::function<int()> plant;
-    };
-    const Row rows[] = {
-        {"link to a file", [&] { return symlink(victim.c_str(), history.c_str()); }},
-        {"link to nothing", [&] { return symlink(missing.c_str(), history.c_str()); }},
-        {"file of another user",
-         [&] {
-             std::ofstream(history) << "victim\n";
-             return chown(history.c_str(), kOtherUser, kOtherUser);
-         }},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        if (geteuid() != 0 && std::string(row.name) == "file of another user") continue;
-        std::filesystem::remove(history);
-        std::ofstream(victim) << "victim\n";
-        ASSERT_EQ(row.plant(), 0);
-        problem.clear();
-        EXPECT_FALSE(AppendHistory(history, entry, problem));
-        EXPECT_NE(problem.find(history.string()), std::string::npos) << problem;
-        EXPECT_EQ(Contents(victim), "victim\n");
-        EXPECT_FALSE(std::filesystem::exists(missing));
-        if (!std::filesystem::is_symlink(history)) {
-            EXPECT_EQ(Contents(history), "victim\n");
-        }
     }
 }
 

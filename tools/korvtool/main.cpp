@@ -28,6 +28,7 @@
 #include "update.h"
 
 #ifdef _WIN32
+#include <fcntl.h>
 #include <io.h>
 #define KORVTOOL_ISATTY(f) _isatty(_fileno(f))
 #else
@@ -87,6 +88,9 @@ struct CommandLine {
     std::vector<std::string> ledPhases;
     std::string ledPattern;
     std::string folder;
+    korvtool::HistoryFilter historyFilter;
+    std::string historySince, historyUntil;
+    bool historyCsv = false;
     korvtool::UsbImageRequest usbImage;
     korvtool::McuImageRequest mcuImage;
     CLI::Option* configOption = nullptr;
@@ -269,10 +273,33 @@ CommandLine::CommandLine() {
                 kGlobalOptionsNote)
         ->add_option("FILE", file, "Where to write the image (*.hex)")
         ->required();
-    Command(app, "history", "Show the updates and backups korvtool has run",
-            std::string("Kept in the user's data folder (korvtool history --help shows where); "
-                        "--json prints\nthe entries as they are stored.\n") +
-                "File: " + korvtool::HistoryPath().string() + "\n" + kGlobalOptionsNote);
+    CLI::App* history = Command(
+        app, "history", "Show the updates, backups and station units korvtool has recorded",
+        std::string("Kept in an SQLite database in the user's data folder (KORVTOOL_HISTORY=PATH "
+                    "names\nanother); the JSON-lines history of older versions beside it is "
+                    "imported once.\nTimes are UTC: a date (2026-11-23) or a date and time "
+                    "(2026-11-23T14:05:09Z),\nbounds included. --json prints the entries as they "
+                    "were recorded, --csv a table\nfor a spreadsheet.\n") +
+            "Database: " + korvtool::HistoryPath().string() + "\n" + kGlobalOptionsNote);
+    history->add_option("--serial", historyFilter.serial, "Only the records of this serial number")
+        ->type_name("SERIAL");
+    history->add_option("--run", historyFilter.run, "Only the records of this station run")
+        ->type_name("ID");
+    history->add_option("--result", historyFilter.result,
+                        "Only the records with this result (pass, fail, up to date,\n"
+                        "completed, confirmed, failed, ...)")
+        ->type_name("RESULT");
+    history->add_option("--location", historyFilter.location,
+                        "Only the records of the device at this USB location")
+        ->type_name("LOCATION");
+    history->add_option("--since", historySince, "Only the records from this time on")
+        ->type_name("TIME");
+    history->add_option("--until", historyUntil, "Only the records up to this time")
+        ->type_name("TIME");
+    history->add_option("--limit", historyFilter.limit, "Only the last N of the records")
+        ->type_name("N")
+        ->check(CLI::PositiveNumber);
+    history->add_flag("--csv", historyCsv, "Print CSV (RFC 4180) with a header line");
     const std::string stationText =
         "Runs the recipe on every attached device the settings accept, all at once: each unit\n"
         "in a worker process of its own, selected by its USB location, so that one unit's\n"
@@ -575,6 +602,50 @@ std::function<CommandResult(Session&)> PrepareCommand(const CommandLine& cli,
     throw korvtool::UsageError("no command given: run 'korvtool --help' for the commands");
 }
 
+// korvtool history: the records the filters select, as a table, JSON or
+// CSV. Needs neither the library nor a device.
+int ShowHistory(const CommandLine& cli) {
+    korvtool::HistoryFilter filter = cli.historyFilter;
+    const std::pair<const std::string&, std::optional<std::string>*> times[] = {
+        {cli.historySince, &filter.since}, {cli.historyUntil, &filter.until}};
+    for (const auto& [text, bound] : times) {
+        if (text.empty()) continue;
+        *bound = korvtool::HistoryTimeBound(text, bound == &filter.until);
+        if (!*bound)
+            throw korvtool::UsageError("a time must be a UTC date (2026-11-23) or date and time "
+                                       "(2026-11-23T14:05:09Z), not '" + text + "'");
+    }
+    if (cli.json && cli.historyCsv) throw korvtool::UsageError("--json and --csv exclude each other");
+    const std::filesystem::path file = korvtool::HistoryPath();
+    korvtool::HistoryDatabase database;
+    std::vector<ordered_json> entries;
+    std::string problem;
+    if (!database.Open(file, problem) || !database.Read(filter, entries, problem))
+        throw korvtool::Failure(problem);
+    if (database.ImportSkipped() > 0)
+        std::fprintf(stderr, "korvtool: warning: the old history file had %zu line(s) that were no "
+                             "history entries; they were not imported\n", database.ImportSkipped());
+    if (cli.json) {
+        const ordered_json doc = {{"command", "history"}, {"ok", true},
+                                  {"file", file.string()}, {"entries", entries}};
+        std::printf("%s\n", korvtool::JsonText(doc, 2).c_str());
+    } else if (cli.historyCsv) {
+#ifdef _WIN32
+        // The lines end in CR LF already.
+        _setmode(_fileno(stdout), _O_BINARY);
+#endif
+        std::fputs(korvtool::HistoryCsv(entries).c_str(), stdout);
+    } else if (entries.empty()) {
+        const bool filtered = filter.serial || filter.run || filter.result || filter.location ||
+                              filter.since || filter.until;
+        std::printf("%s (%s).\n", filtered ? "No records match" : "No records yet",
+                    korvtool::Printable(file.string()).c_str());
+    } else {
+        std::fputs(korvtool::HistoryTable(entries).c_str(), stdout);
+    }
+    return korvtool::kExitSuccess;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -612,24 +683,7 @@ int main(int argc, char** argv) {
             }
             return korvtool::kExitSuccess;
         }
-        if (command == "history") {
-            size_t skipped = 0;
-            const std::filesystem::path file = korvtool::HistoryPath();
-            const std::vector<ordered_json> entries = korvtool::ReadHistory(file, skipped);
-            if (skipped > 0)
-                std::fprintf(stderr, "korvtool: warning: %zu lines of %s are not history entries\n",
-                             skipped, korvtool::Printable(file.string()).c_str());
-            if (cli.json) {
-                const ordered_json doc = {{"command", command}, {"ok", true},
-                                          {"file", file.string()}, {"entries", entries}};
-                std::printf("%s\n", korvtool::JsonText(doc, 2).c_str());
-            } else if (entries.empty()) {
-                std::printf("No updates yet (%s).\n", korvtool::Printable(file.string()).c_str());
-            } else {
-                std::fputs(korvtool::PrintableLines(korvtool::HistoryTable(entries)).c_str(), stdout);
-            }
-            return korvtool::kExitSuccess;
-        }
+        if (command == "history") return ShowHistory(cli);
         const std::function<CommandResult(Session&)> run = PrepareCommand(cli, command);
         Session session(cli.verbose);
         korvtool::SettingsSource source;
