@@ -14,6 +14,7 @@ packages=(
   clang libclang-rt-14-dev
   dpkg-dev file lintian
   libsqlite3-dev tcl8.6
+  tmux
 )
 
 missing=()

@@ -384,7 +384,6 @@ void Station::Conclude(Unit& unit) {
                 ? "the worker ended without a result (" + status.Describe() + ")" +
                       (unit.step.empty() ? "" : " during step " + unit.step)
                 : unit.message + " (" + status.Describe() + ")";
-        unit.message += " - its log is in " + unit.folder.string();
         view_.UnitEvent(unit,
                         {{"event", "done"}, {"result", "fail"}, {"message", unit.message},
                          {"exit", status.Describe()}},
