@@ -23,6 +23,14 @@ public:
     bool EnumerateHidInterfaces(std::vector<std::string>& paths) override;
     int UsbPortLevel(const std::string& vid, const std::string& pid,
                      const std::string& serial) override;
+    // The HID interface's device node, up its parents to the USB device
+    // (the first "USB\" node that is no interface of a composite device),
+    // that device's driver key, and the port the hub walk found it on.
+    std::string HidInterfaceLocation(const std::string& path) override;
+    // The port at `location` in the hub walk; the IDs are not compared
+    // there (the walk knows driver keys only), a port holds one device.
+    int UsbPortLevelAt(const std::string& vid, const std::string& pid,
+                       const std::string& location) override;
     bool ResolveRuntimeHidFunctions() override;
 
     HidHandle Open(const std::string& path) override;
