@@ -184,6 +184,18 @@ TEST_F(KorvtoolList, JsonListsEveryFieldOfEveryDeviceInScanOrder) {
     EXPECT_EQ(doc["devices"][1]["location"], "1-2");
 }
 
+TEST_F(KorvtoolList, PresenceFileSaysWhichUnitsArePlugged) {
+    const std::string settings =
+        Settings(kOneDevice + "VirtualDeviceCount=3\nVirtualPresenceFile=plugged.txt\n");
+    korvsdk_test::WriteFile(WorkFolder() / "plugged.txt", "# bench\n1-3\n1-2\n");
+    const ProcessResult result = Run({"--config", settings, "--json", "list"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    const json doc = Json(result);
+    std::vector<std::string> locations;
+    for (const json& device : doc["devices"]) locations.push_back(device["location"]);
+    EXPECT_EQ(locations, (std::vector<std::string>{"1-2", "1-3"}));
+}
+
 TEST_F(KorvtoolList, NoDeviceIsNotAnError) {
     ProcessResult result = Run({"--config", Settings(kNoDevice), "list"});
     EXPECT_EQ(result.exitCode, 0);
