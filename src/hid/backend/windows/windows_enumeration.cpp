@@ -151,19 +151,27 @@ std::string WindowsHidBackend::HidInterfaceLocation(const std::string& path) {
     const auto getHidGuid = win::System().HidD_GetHidGuid;
     const std::wstring wanted = win::AsciiUpper(win::Utf8ToWide(path));
     if (getHidGuid == nullptr || wanted.empty()) return std::string();
+
+    std::lock_guard lock(locationMutex_);
+    const auto now = std::chrono::steady_clock::now();
+    auto found = hidLocations_.find(wanted);
+    if (found != hidLocations_.end() && now - locationsMade_ < std::chrono::seconds(1))
+        return found->second;
+
+    hidLocations_.clear();
+    locationsMade_ = now;
+    const std::unique_ptr<win::UsbHubIo> io = win::CreateSystemUsbHubIo();
+    const win::UsbPortMap map = win::BuildUsbPortMap(*io);
     GUID hidClass{};
     getHidGuid(&hidClass);
-    DEVINST node = 0;
     win::ForEachPresentInterface(hidClass, [&](const win::PresentInterface& item) {
-        if (win::AsciiUpper(item.path) != wanted) return true;
-        node = item.device->DevInst;
-        return false;
+        const DEVINST usb = UsbDeviceAbove(item.device->DevInst);
+        const std::wstring key = usb != 0 ? NodeDriverKey(usb) : std::wstring();
+        hidLocations_[win::AsciiUpper(item.path)] = win::LookUpLocation(map, key);
+        return true;
     });
-    const DEVINST usb = node != 0 ? UsbDeviceAbove(node) : 0;
-    const std::wstring key = usb != 0 ? NodeDriverKey(usb) : std::wstring();
-    if (key.empty()) return std::string();
-    const std::unique_ptr<win::UsbHubIo> io = win::CreateSystemUsbHubIo();
-    return win::LookUpLocation(win::BuildUsbPortMap(*io), key);
+    found = hidLocations_.find(wanted);
+    return found != hidLocations_.end() ? found->second : std::string();
 }
 
 int WindowsHidBackend::UsbPortLevelAt(const std::string& /*vid*/, const std::string& /*pid*/,

@@ -5,6 +5,8 @@
 
 #include "hid/backend/hid_backend.h"
 
+#include <chrono>
+#include <map>
 #include <mutex>
 #include <string>
 
@@ -118,6 +120,14 @@ private:
     std::once_flag resolveOnce_;
     RawFunction getExtendedAttributes_ = nullptr;
     RawFunction initializeReportForId_ = nullptr;
+
+    // The locations of the present HID interfaces (upper-cased path ->
+    // location), made in one pass (one hub walk) when a path is asked for
+    // that is not there or the table is older than a second: a selection
+    // asks for each interface in turn.
+    std::mutex locationMutex_;
+    std::chrono::steady_clock::time_point locationsMade_{};
+    std::map<std::wstring, std::string> hidLocations_;
 };
 
 }  // namespace VideoConsoleCore::hid
