@@ -227,7 +227,11 @@ uint8_t VideoConsoleCoreImp::GetDeviceUsbType() {
         char vid[8], pid[8];
         std::snprintf(vid, sizeof vid, "%04X", m_selectedVid);
         std::snprintf(pid, sizeof pid, "%04X", m_selectedPid);
-        const int level = Hid() ? Hid()->UsbPortLevel(vid, pid, m_selectedInstance) : -1;
+        // By the port when the selection knows it: units may share a serial.
+        int level = -1;
+        if (Hid() && !m_selectedLocation.empty())
+            level = Hid()->UsbPortLevelAt(vid, pid, m_selectedLocation);
+        if (Hid() && level < 0) level = Hid()->UsbPortLevel(vid, pid, m_selectedInstance);
         m_usbType = level == 3 ? 3 : 2;
     }
     const uint8_t type = m_usbType;

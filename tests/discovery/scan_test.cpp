@@ -41,7 +41,7 @@ protected:
         ASSERT_TRUE(core_.Initialize("setting.cfg"));
         auto backend = std::make_unique<FakeHidBackend>();
         for (size_t i = 0; i < ids.size(); ++i)
-            backend->usbDevices.push_back({ids[i], "Capture " + std::to_string(i)});
+            backend->usbDevices.push_back({ids[i], "Capture " + std::to_string(i), ""});
         fake_ = backend.get();
         core_.UseHidBackend(std::move(backend));
         MessageLog::Clear();

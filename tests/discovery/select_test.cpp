@@ -94,12 +94,14 @@ TEST_F(Select, UsbTypeNeedsASelection) {
     EXPECT_EQ(MessageLog::All(), std::string(kMsgSelectFirst));
 }
 
-// Units on a bench: default ports 1-<n+1>, a port given by setting, a port
-// given twice (the later unit moves to a free one), and two units with one
-// serial number, each opened on its own port.
+// Units on a bench: default ports 1-<n+1> (also for locations with a
+// separator or a blank), a port given by setting, a port given twice (the
+// later unit moves to a free one), and two units with one serial number,
+// each opened on its own port.
 TEST_F(Select, UnitsWithOneSerialAreToldApartByPort) {
     Init("VirtualDeviceCount=4\nVirtual1_Serial=SAME\nVirtual2_Serial=SAME\n"
-         "Virtual2_Location=3-1.4.2\nVirtual3_Location=3-1.4.2\n");
+         "Virtual2_Location=3-1.4.2\nVirtual3_Location=3-1.4.2\n"
+         "Virtual0_Location=1-9/x\nVirtual1_Location=1-9 x\n");  // refused: default ports
     ASSERT_EQ(count_, 4);
     const char* const expected[] = {"1-1", "1-2", "3-1.4.2", "1-3"};
     for (int i = 0; i < 4; ++i) EXPECT_EQ(core_.EntryLocation(&list_[i]), expected[i]) << i;

@@ -120,6 +120,7 @@ std::vector<Export> EveryExport(DeviceEntry* entry, const std::string& hex,
         {"KORVSDK_Set_Debug_Output_Handler",
          [] { KORVSDK_Set_Debug_Output_Handler(MessageLog::Collect); }},
         {"KORVSDK_Read_USB_Flash", [backup] { KORVSDK_Read_USB_Flash(backup.c_str()); }},
+        {"KORVSDK_Get_Device_Location", [entry] { Take(KORVSDK_Get_Device_Location(entry)); }},
     };
 }
 
@@ -202,6 +203,8 @@ TEST_F(BadInput, NullPointersAreRefusedOrIgnored) {
         {"Free_DeviceList nulls", [] { return KORVSDK_Free_DeviceList(nullptr, nullptr); }, 1},
         {"Free_DeviceList of nothing", [&] { return KORVSDK_Free_DeviceList(&noList, &noCount); }, 1},
         {"Free_PeCHAR null", [] { return KORVSDK_Free_PeCHAR(nullptr); }, 1},
+        {"Get_Device_Location null",
+         [] { return KORVSDK_Get_Device_Location(nullptr) == nullptr ? 1 : 0; }, 1},
         {"Open_CB null", [] { return KORVSDK_Open_CB_Device_StateInfo(nullptr); }, 1},
         {"Close_CB after a null was taken", [] { return KORVSDK_Close_CB_Device_StateInfo(); }, 0},
     };

@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 #include <regex>
+#include <tuple>
 
 #include "KORVSDKDeviceTool.h"
 #include "korvtool_fixture.h"
@@ -102,6 +103,18 @@ TEST_F(KorvtoolList, JsonListsEveryFieldOfEveryDeviceInScanOrder) {
     EXPECT_EQ(doc["devices"][1]["pid"], "0C02");
     EXPECT_EQ(doc["devices"][1]["serial"], "VC00000002");
     EXPECT_EQ(doc["devices"][1]["location"], "1-2");
+}
+
+TEST_F(KorvtoolList, PresenceFileSaysWhichUnitsArePlugged) {
+    const std::string settings =
+        Settings(kOneDevice + "VirtualDeviceCount=3\nVirtualPresenceFile=plugged.txt\n");
+    korvsdk_test::WriteFile(WorkFolder() / "plugged.txt", "# bench\n1-3\n1-2\n");
+    const ProcessResult result = Run({"--config", settings, "--json", "list"});
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    const json doc = Json(result);
+    std::vector<std::string> locations;
+    for (const json& device : doc["devices"]) locations.push_back(device["location"]);
+    EXPECT_EQ(locations, (std::vector<std::string>{"1-2", "1-3"}));
 }
 
 TEST_F(KorvtoolList, NoDeviceIsNotAnError) {
@@ -258,12 +271,15 @@ TEST_F(KorvtoolInfo, PicksTheDeviceByIndexOrSerial) {
 TEST_F(KorvtoolInfo, UnitsWithOneSerialArePickedByLocation) {
     const std::string settings =
         Settings(kTwoDevices + "Virtual1_PID=0C01\nVirtual1_Serial=VC00000001\n");
-    const std::pair<const char*, const char*> rows[] = {{"1-1", "01.00.01.09"},
-                                                        {"1-2", "01.00.00.09"}};
-    for (const auto& [location, firmware] : rows) {
+    // The second unit runs older firmware on a USB 2 port.
+    const std::tuple<const char*, const char*, int> rows[] = {{"1-1", "01.00.01.09", 3},
+                                                              {"1-2", "01.00.00.09", 2}};
+    for (const auto& [location, firmware, usbType] : rows) {
         const ProcessResult result = Run({"--config", settings, "-d", location, "--json", "info"});
         EXPECT_EQ(result.exitCode, 0) << result.err;
-        EXPECT_EQ(Json(result)["usb_firmware"].get<std::string>().substr(0, 11), firmware) << location;
+        const json doc = Json(result);
+        EXPECT_EQ(doc["usb_firmware"].get<std::string>().substr(0, 11), firmware) << location;
+        EXPECT_EQ(doc["usb_type"], usbType) << location;
     }
     ExpectErrorLine(Run({"--config", settings, "-d", "VC00000001", "info"}), 1,
                     "2 devices have the serial number 'VC00000001', at 1-1 and 1-2");

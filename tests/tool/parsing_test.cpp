@@ -24,8 +24,8 @@ namespace korvtool {
 namespace {
 
 std::vector<DeviceInfo> TwoDevices() {
-    return {{"Virtual HDMI Capture", "FFF0", "0C01", "VC00000001"},
-            {"Virtual HDMI Capture", "FFF0", "0C02", "VC00000002"}};
+    return {{"Virtual HDMI Capture", "FFF0", "0C01", "VC00000001", "1-1"},
+            {"Virtual HDMI Capture", "FFF0", "0C02", "VC00000002", "1-2"}};
 }
 
 // The status and the text of the ToolError `call` throws.

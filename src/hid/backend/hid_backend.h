@@ -53,6 +53,14 @@ public:
     // the device is not found. vid/pid are four hexadecimal digits.
     virtual int UsbPortLevel(const std::string& vid, const std::string& pid,
                              const std::string& serial) = 0;
+    // UsbPortLevel for the device with these IDs at `location` (as in
+    // UsbDeviceInfo), which tells apart devices that share a serial number;
+    // -1 when there is none or the backend cannot tell (the caller then
+    // asks UsbPortLevel).
+    virtual int UsbPortLevelAt(const std::string& /*vid*/, const std::string& /*pid*/,
+                               const std::string& /*location*/) {
+        return -1;
+    }
     // The location (as in UsbDeviceInfo) of the USB device that the HID
     // interface `path` belongs to; "" when unknown. The selection uses it to
     // tell apart devices that share a serial number.

@@ -291,6 +291,17 @@ int VirtualHidBackend::UsbPortLevel(const std::string& vid, const std::string& p
     return -1;
 }
 
+int VirtualHidBackend::UsbPortLevelAt(const std::string& vid, const std::string& pid,
+                                      const std::string& location) {
+    std::lock_guard lock(mutex_);
+    for (auto& device : devices_) {
+        const VirtualDeviceConfig& c = device->config;
+        if (device->present && SameHex(vid, c.vid) && SameHex(pid, c.pid) && c.location == location)
+            return c.portLevel;
+    }
+    return -1;
+}
+
 std::string VirtualHidBackend::HidInterfaceLocation(const std::string& path) {
     std::lock_guard lock(mutex_);
     for (const auto& device : devices_) {

@@ -83,6 +83,8 @@ public:
     bool EnumerateHidInterfaces(std::vector<std::string>& paths) override;
     int UsbPortLevel(const std::string& vid, const std::string& pid,
                      const std::string& serial) override;
+    int UsbPortLevelAt(const std::string& vid, const std::string& pid,
+                       const std::string& location) override;
     std::string HidInterfaceLocation(const std::string& path) override;
 
     hid::HidHandle Open(const std::string& path) override;

@@ -15,10 +15,12 @@
 // Found by argument lookup, so beside the record.
 namespace VideoConsoleCore::hid {
 bool operator==(const UsbDeviceInfo& a, const UsbDeviceInfo& b) {
-    return a.instanceId == b.instanceId && a.busReportedDescription == b.busReportedDescription;
+    return a.instanceId == b.instanceId && a.busReportedDescription == b.busReportedDescription &&
+           a.location == b.location;
 }
 void PrintTo(const UsbDeviceInfo& info, std::ostream* out) {
-    *out << "{" << info.instanceId << ", \"" << info.busReportedDescription << "\"}";
+    *out << "{" << info.instanceId << ", \"" << info.busReportedDescription << "\", "
+         << info.location << "}";
 }
 }  // namespace VideoConsoleCore::hid
 
@@ -114,20 +116,20 @@ TEST_F(LinuxHidraw, SerialStandInAndBadAttributes) {
     sysfs.AddUsb("1-12:1.0", {{"bInterfaceNumber", "xy"}}, composite);
     sysfs.AddUsb("1-12:1.1", {}, composite);
 
-    EXPECT_EQ(UsbDevices(), (Entries{{"USB\\VID_0001&PID_0005\\1-11", ""},
-                                     {"USB\\VID_0001&PID_0006\\1-12", ""},
-                                     {"USB\\VID_0001&PID_0006&MI_00\\1-12:1.0", ""},
-                                     {"USB\\VID_0001&PID_0006&MI_01\\1-12:1.1", ""},
-                                     {"USB\\VID_0001&PID_0002\\1-4", ""},
-                                     {"USB\\VID_0001&PID_0003\\1-5", ""},
-                                     {"USB\\VID_0001&PID_0004\\1-6", ""}}));
+    EXPECT_EQ(UsbDevices(), (Entries{{"USB\\VID_0001&PID_0005\\1-11", "", "1-11"},
+                                     {"USB\\VID_0001&PID_0006\\1-12", "", "1-12"},
+                                     {"USB\\VID_0001&PID_0006&MI_00\\1-12:1.0", "", "1-12"},
+                                     {"USB\\VID_0001&PID_0006&MI_01\\1-12:1.1", "", "1-12"},
+                                     {"USB\\VID_0001&PID_0002\\1-4", "", "1-4"},
+                                     {"USB\\VID_0001&PID_0003\\1-5", "", "1-5"},
+                                     {"USB\\VID_0001&PID_0004\\1-6", "", "1-6"}}));
 }
 
 // umockdev always shows the program a /sys; a missing or empty sysfs needs a
 // plain folder as the sysfs root instead (the preload leaves /tmp alone).
 TEST(LinuxHidrawWithoutUmockdev, MissingSysfsFailsSysfsWithoutUsbIsEmpty) {
     korvsdk_test::TempFolder folder;
-    std::vector<UsbDeviceInfo> devices{{"stale", ""}};
+    std::vector<UsbDeviceInfo> devices{{"stale", "", ""}};
     std::vector<std::string> paths{"stale"};
 
     LinuxHidrawBackend none((folder.path() / "sys").string(), "/dev");

@@ -29,14 +29,17 @@ TEST(PortLevel, FromProtocolsThenSpeed) {
 
 TEST(PortLevel, LookUpByDriverKeyIgnoresCaseAndTakesTheFirst) {
     UsbPortMap map;
-    map.devices.push_back({L"{36FC9E60-C465-11CF-8056-444553540000}\\0007", 2, 0, 1});
-    map.devices.push_back({L"{36fc9e60-c465-11cf-8056-444553540000}\\0007", 3, 0, 2});
-    map.devices.push_back({L"{36fc9e60-c465-11cf-8056-444553540000}\\0012", 3, 0, 3});
+    map.devices.push_back({L"{36FC9E60-C465-11CF-8056-444553540000}\\0007", 2, 0, 1, "1-1"});
+    map.devices.push_back({L"{36fc9e60-c465-11cf-8056-444553540000}\\0007", 3, 0, 2, "1-2"});
+    map.devices.push_back({L"{36fc9e60-c465-11cf-8056-444553540000}\\0012", 3, 0, 3, "1-3"});
     EXPECT_EQ(LookUpPortLevel(map, L"{36fc9e60-c465-11cf-8056-444553540000}\\0007"), 2);
     EXPECT_EQ(LookUpPortLevel(map, L"{36FC9E60-C465-11CF-8056-444553540000}\\0012"), 3);
     EXPECT_EQ(LookUpPortLevel(map, L"{36fc9e60-c465-11cf-8056-444553540000}\\001"), -1);
     EXPECT_EQ(LookUpPortLevel(map, L""), -1);
     EXPECT_EQ(LookUpPortLevel(UsbPortMap{}, L"{x}\\0001"), -1);
+    EXPECT_EQ(LookUpLocation(map, L"{36fc9e60-c465-11cf-8056-444553540000}\\0012"), "1-3");
+    EXPECT_EQ(LookUpLocation(map, L"{36FC9E60-C465-11CF-8056-444553540000}\\0007"), "1-1");
+    EXPECT_EQ(LookUpLocation(map, L""), "");
 }
 
 }  // namespace

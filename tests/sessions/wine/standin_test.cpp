@@ -15,6 +15,7 @@ extern "C" {
 #include <hidpi.h>
 }
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -100,6 +101,21 @@ TEST_F(StandIns, WalkFindsEachDeviceOnAPortOfItsLevel) {
     EXPECT_EQ(backend.UsbPortLevel("FFF0", "0C01", "VC00000002"), 2);
     EXPECT_EQ(backend.UsbPortLevel("FFF0", "0C01", "VC00000003"), 3);
     EXPECT_EQ(backend.UsbPortLevel("FFF0", "0C01", "VC00000009"), -1);
+
+    // Locations: root-hub ports 1 and 2, port 1 of the hub on root port 3.
+    const char* const locations[] = {"1-1", "1-2", "1-3.1"};  // in walk order
+    for (size_t i = 0; i < 3; ++i) EXPECT_EQ(map.devices[i].location, locations[i]) << i;
+    std::vector<hid::UsbDeviceInfo> nodes;
+    ASSERT_TRUE(backend.EnumerateUsbDevices(nodes));
+    std::map<std::string, std::string> byId;
+    for (const hid::UsbDeviceInfo& node : nodes) byId[node.instanceId] = node.location;
+    EXPECT_EQ(byId["USB\\VID_FFF0&PID_0C01\\VC00000002"], "1-3.1");
+    EXPECT_EQ(byId["USB\\VID_FFF0&PID_0C01\\VC00000003"], "1-2");
+    // A HID interface leads up to its USB device's port.
+    const std::vector<std::wstring> paths = HidPaths();
+    ASSERT_EQ(paths.size(), 3u);
+    EXPECT_EQ(backend.HidInterfaceLocation(win::WideToUtf8(paths[1])), "1-3.1");
+    EXPECT_EQ(backend.HidInterfaceLocation("\\\\?\\hid#nothing"), "");
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "hid/backend/linux/descriptor_outline.h"
 #include "hid/backend/linux/hidraw_ioctl.h"
@@ -246,30 +247,53 @@ bool LinuxHidrawBackend::EnumerateHidInterfaces(std::vector<std::string>& paths)
     return true;
 }
 
-int LinuxHidrawBackend::UsbPortLevel(const std::string& vid, const std::string& pid,
-                                     const std::string& serial) {
+namespace {
+
+// The first USB device with these IDs that `wanted` accepts; null when none.
+template <typename Wanted>
+std::optional<sysfs::UsbDevice> FindUsbDevice(const std::string& sysRoot, const std::string& vid,
+                                              const std::string& pid, Wanted wanted) {
     const auto vendorId = sysfs::ParseHex16(vid);
     const auto productId = sysfs::ParseHex16(pid);
-    if (!vendorId || !productId) return -1;
-    const auto devices = sysfs::ListUsbDevices(sysRoot_);
-    if (!devices) return -1;
+    if (!vendorId || !productId) return std::nullopt;
+    const auto devices = sysfs::ListUsbDevices(sysRoot);
+    if (!devices) return std::nullopt;
     for (const sysfs::UsbDevice& device : *devices) {
-        // The serial is the last part of the instance ID the scan was given,
-        // which may be the stand-in; instance IDs ignore case.
-        if (device.vendorId != *vendorId || device.productId != *productId ||
-            !EqualsIgnoringCase(device.identity, serial))
-            continue;
-        // speed is in Mb/s: 1.5, 12, 480, 5000, 10000, 20000.
-        const std::string speed = sysfs::ReadTextAttribute(device.dir, "speed").value_or("");
-        char* end = nullptr;
-        const double megabits = std::strtod(speed.c_str(), &end);
-        if (end != speed.c_str() && megabits >= 5000) return 3;
-        // A port whose connector also has a SuperSpeed half links to that
-        // half as its peer: the device runs at 480 but sits on a USB 3 port.
-        if (sysfs::LinkOrFileExists(device.dir + "/port/peer")) return 3;
-        return 2;
+        if (device.vendorId == *vendorId && device.productId == *productId && wanted(device))
+            return device;
     }
-    return -1;
+    return std::nullopt;
+}
+
+// UsbPortLevel's answer for a device found in sysfs.
+int PortLevelOf(const std::optional<sysfs::UsbDevice>& found) {
+    if (!found) return -1;
+    // speed is in Mb/s: 1.5, 12, 480, 5000, 10000, 20000.
+    const std::string speed = sysfs::ReadTextAttribute(found->dir, "speed").value_or("");
+    char* end = nullptr;
+    const double megabits = std::strtod(speed.c_str(), &end);
+    if (end != speed.c_str() && megabits >= 5000) return 3;
+    // A port whose connector also has a SuperSpeed half links to that half
+    // as its peer: the device runs at 480 but sits on a USB 3 port.
+    return sysfs::LinkOrFileExists(found->dir + "/port/peer") ? 3 : 2;
+}
+
+}  // namespace
+
+int LinuxHidrawBackend::UsbPortLevel(const std::string& vid, const std::string& pid,
+                                     const std::string& serial) {
+    // The serial is the last part of the instance ID the scan was given,
+    // which may be the stand-in; instance IDs ignore case.
+    return PortLevelOf(FindUsbDevice(sysRoot_, vid, pid, [&](const sysfs::UsbDevice& device) {
+        return EqualsIgnoringCase(device.identity, serial);
+    }));
+}
+
+int LinuxHidrawBackend::UsbPortLevelAt(const std::string& vid, const std::string& pid,
+                                       const std::string& location) {
+    return PortLevelOf(FindUsbDevice(sysRoot_, vid, pid, [&](const sysfs::UsbDevice& device) {
+        return !location.empty() && device.name == location;
+    }));
 }
 
 std::string LinuxHidrawBackend::HidInterfaceLocation(const std::string& path) {

@@ -65,6 +65,8 @@ SystemFunctions Resolve() {
 
     const HMODULE cfgmgr32 = LoadSystemLibrary(L"cfgmgr32.dll");
     KORVSDK_FIND(cfgmgr32, CM_Get_Device_IDW);
+    KORVSDK_FIND(cfgmgr32, CM_Get_Parent);
+    KORVSDK_FIND(cfgmgr32, CM_Get_DevNode_Registry_PropertyW);
     return table;
 }
 

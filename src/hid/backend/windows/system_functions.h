@@ -77,6 +77,8 @@ struct SystemFunctions {
 
     // cfgmgr32.dll
     decltype(&::CM_Get_Device_IDW) CM_Get_Device_IDW = nullptr;
+    decltype(&::CM_Get_Parent) CM_Get_Parent = nullptr;
+    decltype(&::CM_Get_DevNode_Registry_PropertyW) CM_Get_DevNode_Registry_PropertyW = nullptr;
 };
 
 // The one table of the process, filled on first use (thread-safe).

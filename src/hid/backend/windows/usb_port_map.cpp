@@ -76,7 +76,10 @@ std::wstring QueryName(UsbHubIo& io, HANDLE device, DWORD code, std::optional<UL
     return WideFromBuffer(record.data() + nameOffset, valid - nameOffset);
 }
 
-void WalkHub(UsbHubIo& io, const std::wstring& path, bool root, int depth, UsbPortMap& map) {
+// `prefix` is what the location of a device on this hub's ports starts
+// with: "<controller>-" on a root hub, "<hub's location>." below it.
+void WalkHub(UsbHubIo& io, const std::wstring& path, bool root, int depth,
+             const std::string& prefix, UsbPortMap& map) {
     if (depth > kMaxHubDepth) return;
     HubHandle hub(io, path);
     if (!hub.Valid()) return;
@@ -138,13 +141,17 @@ void WalkHub(UsbHubIo& io, const std::wstring& path, bool root, int depth, UsbPo
             std::wstring key = QueryName(io, hub.Get(), IOCTL_USB_GET_NODE_CONNECTION_DRIVERKEY_NAME,
                                          port, offsetof(USB_NODE_CONNECTION_DRIVERKEY_NAME, ActualLength),
                                          offsetof(USB_NODE_CONNECTION_DRIVERKEY_NAME, DriverKeyName));
-            if (!key.empty()) map.devices.push_back({std::move(key), level, hubIndex, port});
+            if (!key.empty())
+                map.devices.push_back(
+                    {std::move(key), level, hubIndex, port, prefix + std::to_string(port)});
         } else {
             const std::wstring child =
                 QueryName(io, hub.Get(), IOCTL_USB_GET_NODE_CONNECTION_NAME, port,
                           offsetof(USB_NODE_CONNECTION_NAME, ActualLength),
                           offsetof(USB_NODE_CONNECTION_NAME, NodeName));
-            if (!child.empty()) WalkHub(io, kDevicePathPrefix + child, false, depth + 1, map);
+            if (!child.empty())
+                WalkHub(io, kDevicePathPrefix + child, false, depth + 1,
+                        prefix + std::to_string(port) + ".", map);
         }
     }
 }
@@ -178,7 +185,9 @@ std::unique_ptr<UsbHubIo> CreateSystemUsbHubIo() { return std::make_unique<Syste
 
 UsbPortMap BuildUsbPortMap(UsbHubIo& io) {
     UsbPortMap map;
+    unsigned controllerNumber = 0;
     for (const std::wstring& controllerPath : io.HostControllerPaths()) {
+        ++controllerNumber;
         std::wstring rootHub;
         {
             HubHandle controller(io, controllerPath);
@@ -187,7 +196,9 @@ UsbPortMap BuildUsbPortMap(UsbHubIo& io) {
                                 offsetof(USB_ROOT_HUB_NAME, ActualLength),
                                 offsetof(USB_ROOT_HUB_NAME, RootHubName));
         }
-        if (!rootHub.empty()) WalkHub(io, kDevicePathPrefix + rootHub, true, 0, map);
+        if (!rootHub.empty())
+            WalkHub(io, kDevicePathPrefix + rootHub, true, 0,
+                    std::to_string(controllerNumber) + "-", map);
     }
     return map;
 }
@@ -207,6 +218,15 @@ int LookUpPortLevel(const UsbPortMap& map, const std::wstring& driverKey) {
         if (AsciiUpper(device.driverKey) == wanted) return device.level;
     }
     return -1;
+}
+
+std::string LookUpLocation(const UsbPortMap& map, const std::wstring& driverKey) {
+    if (driverKey.empty()) return {};
+    const std::wstring wanted = AsciiUpper(driverKey);
+    for (const UsbPortRecord& device : map.devices) {
+        if (AsciiUpper(device.driverKey) == wanted) return device.location;
+    }
+    return {};
 }
 
 bool InstanceIdMatches(const std::string& instanceId, const std::string& vid,

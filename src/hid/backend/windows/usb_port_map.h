@@ -1,5 +1,6 @@
-// Which USB port level each present USB device sits on, found by walking the
-// hub tree: host controller -> root hub -> ports -> external hubs -> ports.
+// Which USB port (its level and its path from the root hub) each present USB
+// device sits on, found by walking the hub tree: host controller -> root hub
+// -> ports -> external hubs -> ports.
 //
 // Windows tells a port's capabilities only through the hub driver's IOCTLs,
 // and names devices there by driver key ("{36fc9e60-...}\0012"), the same
@@ -58,6 +59,10 @@ struct UsbPortRecord {
     int level = -1;  // 3, 2, or the reported speed (0 low, 1 full, 2 high)
     size_t hub = 0;  // index into UsbPortMap::hubs
     unsigned port = 0;
+    // The port path: the host controller's number (1 = the first the
+    // system lists), "-", then the port on each hub from the root hub
+    // down, joined by "." ("1-3.1").
+    std::string location;
 };
 
 struct UsbPortMap {
@@ -84,6 +89,8 @@ int PortLevelFromConnection(int reportedSpeed, bool protocolsKnown, unsigned lon
 
 // The level recorded for `driverKey` (ASCII case ignored); -1 when none.
 int LookUpPortLevel(const UsbPortMap& map, const std::wstring& driverKey);
+// The location recorded for `driverKey` (ASCII case ignored); "" when none.
+std::string LookUpLocation(const UsbPortMap& map, const std::wstring& driverKey);
 
 // Whether an instance ID names the wanted device: its upper-cased text
 // contains the upper-cased VID digits, PID digits and serial.

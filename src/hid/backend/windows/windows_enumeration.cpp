@@ -8,6 +8,8 @@
 
 #include <devpropdef.h>
 
+#include <memory>
+#include <string>
 #include <vector>
 
 namespace VideoConsoleCore::hid {
@@ -59,6 +61,39 @@ std::wstring DriverKey(HDEVINFO set, SP_DEVINFO_DATA& device) {
     return win::WideFromBuffer(buffer.data(), written < required ? written : required);
 }
 
+// CM_DRP_DRIVER of a device node: the same driver key as SPDRP_DRIVER,
+// for a node reached by its parent link rather than through a device set.
+std::wstring NodeDriverKey(DEVINST node) {
+    const auto getProperty = win::System().CM_Get_DevNode_Registry_PropertyW;
+    if (getProperty == nullptr) return std::wstring();
+    ULONG type = 0;
+    ULONG bytes = 0;
+    getProperty(node, CM_DRP_DRIVER, &type, nullptr, &bytes, 0);
+    if (bytes == 0 || bytes > 4096) return std::wstring();
+    std::vector<BYTE> buffer(bytes, 0);
+    ULONG written = bytes;
+    if (getProperty(node, CM_DRP_DRIVER, &type, buffer.data(), &written, 0) != CR_SUCCESS ||
+        type != REG_SZ) {
+        return std::wstring();
+    }
+    return win::WideFromBuffer(buffer.data(), written < bytes ? written : bytes);
+}
+
+// The USB device a device node belongs to: the node itself or its nearest
+// ancestor whose instance ID starts with "USB\" and names no interface
+// ("&MI_"); 0 when there is none within a few levels.
+DEVINST UsbDeviceAbove(DEVINST node) {
+    const auto getParent = win::System().CM_Get_Parent;
+    for (int level = 0; node != 0 && level < 8; ++level) {
+        const std::string id = win::AsciiUpper(win::WideToUtf8(win::DeviceInstanceId(node)));
+        if (id.rfind("USB\\", 0) == 0 && id.find("&MI_") == std::string::npos) return node;
+        DEVINST parent = 0;
+        if (getParent == nullptr || getParent(&parent, node, 0) != CR_SUCCESS) return 0;
+        node = parent;
+    }
+    return 0;
+}
+
 }  // namespace
 
 bool WindowsHidBackend::EnumerateUsbDevices(std::vector<UsbDeviceInfo>& devices) {
@@ -73,6 +108,10 @@ bool WindowsHidBackend::EnumerateUsbDevices(std::vector<UsbDeviceInfo>& devices)
         system.SetupDiGetClassDevsW(nullptr, L"USB", nullptr, DIGCF_PRESENT | DIGCF_ALLCLASSES));
     if (!set.Valid()) return false;
 
+    // Where each device is plugged: one walk of the hub tree per scan.
+    const std::unique_ptr<win::UsbHubIo> io = win::CreateSystemUsbHubIo();
+    const win::UsbPortMap map = win::BuildUsbPortMap(*io);
+
     std::vector<UsbDeviceInfo> found;
     for (DWORD index = 0;; ++index) {
         SP_DEVINFO_DATA device{};
@@ -83,6 +122,8 @@ bool WindowsHidBackend::EnumerateUsbDevices(std::vector<UsbDeviceInfo>& devices)
         if (info.instanceId.empty()) continue;
         info.busReportedDescription =
             win::WideToUtf8(StringProperty(set.Get(), device, kBusReportedDeviceDesc));
+        // Interface nodes of a composite device sit on no port of their own.
+        info.location = win::LookUpLocation(map, DriverKey(set.Get(), device));
         found.push_back(std::move(info));
     }
     devices = std::move(found);
@@ -104,6 +145,43 @@ bool WindowsHidBackend::EnumerateHidInterfaces(std::vector<std::string>& paths) 
     if (walk == win::InterfaceWalk::kFailed) return false;
     paths = std::move(found);
     return true;
+}
+
+std::string WindowsHidBackend::HidInterfaceLocation(const std::string& path) {
+    const auto getHidGuid = win::System().HidD_GetHidGuid;
+    const std::wstring wanted = win::AsciiUpper(win::Utf8ToWide(path));
+    if (getHidGuid == nullptr || wanted.empty()) return std::string();
+
+    std::lock_guard lock(locationMutex_);
+    const auto now = std::chrono::steady_clock::now();
+    auto found = hidLocations_.find(wanted);
+    if (found != hidLocations_.end() && now - locationsMade_ < std::chrono::seconds(1))
+        return found->second;
+
+    hidLocations_.clear();
+    locationsMade_ = now;
+    const std::unique_ptr<win::UsbHubIo> io = win::CreateSystemUsbHubIo();
+    const win::UsbPortMap map = win::BuildUsbPortMap(*io);
+    GUID hidClass{};
+    getHidGuid(&hidClass);
+    win::ForEachPresentInterface(hidClass, [&](const win::PresentInterface& item) {
+        const DEVINST usb = UsbDeviceAbove(item.device->DevInst);
+        const std::wstring key = usb != 0 ? NodeDriverKey(usb) : std::wstring();
+        hidLocations_[win::AsciiUpper(item.path)] = win::LookUpLocation(map, key);
+        return true;
+    });
+    found = hidLocations_.find(wanted);
+    return found != hidLocations_.end() ? found->second : std::string();
+}
+
+int WindowsHidBackend::UsbPortLevelAt(const std::string& /*vid*/, const std::string& /*pid*/,
+                                      const std::string& location) {
+    if (location.empty()) return -1;
+    const std::unique_ptr<win::UsbHubIo> io = win::CreateSystemUsbHubIo();
+    for (const win::UsbPortRecord& device : win::BuildUsbPortMap(*io).devices) {
+        if (device.location == location) return win::PortLevelAnswer(device.level);
+    }
+    return -1;
 }
 
 int WindowsHidBackend::UsbPortLevel(const std::string& vid, const std::string& pid,

@@ -5,6 +5,8 @@
 
 #include "hid/backend/hid_backend.h"
 
+#include <chrono>
+#include <map>
 #include <mutex>
 #include <string>
 
@@ -23,6 +25,14 @@ public:
     bool EnumerateHidInterfaces(std::vector<std::string>& paths) override;
     int UsbPortLevel(const std::string& vid, const std::string& pid,
                      const std::string& serial) override;
+    // The HID interface's device node, up its parents to the USB device
+    // (the first "USB\" node that is no interface of a composite device),
+    // that device's driver key, and the port the hub walk found it on.
+    std::string HidInterfaceLocation(const std::string& path) override;
+    // The port at `location` in the hub walk; the IDs are not compared
+    // there (the walk knows driver keys only), a port holds one device.
+    int UsbPortLevelAt(const std::string& vid, const std::string& pid,
+                       const std::string& location) override;
     bool ResolveRuntimeHidFunctions() override;
 
     HidHandle Open(const std::string& path) override;
@@ -110,6 +120,14 @@ private:
     std::once_flag resolveOnce_;
     RawFunction getExtendedAttributes_ = nullptr;
     RawFunction initializeReportForId_ = nullptr;
+
+    // The locations of the present HID interfaces (upper-cased path ->
+    // location), made in one pass (one hub walk) when a path is asked for
+    // that is not there or the table is older than a second: a selection
+    // asks for each interface in turn.
+    std::mutex locationMutex_;
+    std::chrono::steady_clock::time_point locationsMade_{};
+    std::map<std::wstring, std::string> hidLocations_;
 };
 
 }  // namespace VideoConsoleCore::hid

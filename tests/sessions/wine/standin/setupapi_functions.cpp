@@ -276,4 +276,33 @@ CONFIGRET WINAPI CM_Get_Device_IDW(DEVINST devInst, PWSTR buffer, ULONG length, 
     return copied < id.size() ? CR_BUFFER_SMALL : CR_SUCCESS;
 }
 
+CONFIGRET WINAPI CM_Get_Parent(PDEVINST parent, DEVINST devInst, ULONG flags) {
+    if (parent == nullptr) return CR_INVALID_POINTER;
+    if (flags != 0) return CR_INVALID_FLAG;
+    const auto node = StandInSystem::Get().Node(devInst);
+    if (!node) return CR_INVALID_DEVNODE;
+    if (node->parent == 0) return CR_NO_SUCH_DEVNODE;
+    *parent = node->parent;
+    return CR_SUCCESS;
+}
+
+// CM_DRP_DRIVER only; the size in bytes, terminator included.
+CONFIGRET WINAPI CM_Get_DevNode_Registry_PropertyW(DEVINST devInst, ULONG property, PULONG type,
+                                                   PVOID buffer, PULONG length, ULONG flags) {
+    if (length == nullptr) return CR_INVALID_POINTER;
+    if (flags != 0) return CR_INVALID_FLAG;
+    const auto node = StandInSystem::Get().Node(devInst);
+    if (!node) return CR_INVALID_DEVNODE;
+    if (property != CM_DRP_DRIVER || node->driverKey.empty()) return CR_NO_SUCH_VALUE;
+    const ULONG bytes = static_cast<ULONG>((node->driverKey.size() + 1) * sizeof(wchar_t));
+    if (type != nullptr) *type = REG_SZ;
+    if (buffer == nullptr || *length < bytes) {
+        *length = bytes;
+        return CR_BUFFER_SMALL;
+    }
+    std::memcpy(buffer, node->driverKey.c_str(), bytes);
+    *length = bytes;
+    return CR_SUCCESS;
+}
+
 }  // extern "C"

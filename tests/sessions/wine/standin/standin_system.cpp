@@ -188,6 +188,7 @@ void StandInSystem::BuildNodes() {
         hidNodes_.push_back(NodeFor(L"HID\\VID_" + Hex4(config.vid) + L"&PID_" + Hex4(config.pid) +
                                         L"&MI_04\\7&" + Widen(config.serial) + L"&0&0000",
                                     L""));
+        nodes_[hidNodes_.back() - 1].parent = usb;
     }
     controllerNode_ = NodeFor(L"PCI\\VEN_FFF0&DEV_0001\\3&5A0D1E&0&A0", L"USB host controller");
 }

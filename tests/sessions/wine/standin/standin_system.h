@@ -47,6 +47,7 @@ struct DeviceNode {
     std::wstring instanceId;
     std::wstring description;  // bus-reported description, "" when none
     std::wstring driverKey;    // "" when the node has no driver key
+    DWORD parent = 0;          // the node above, 0 for none
 };
 
 // A USB hub port: empty, one virtual device, or the next hub.
