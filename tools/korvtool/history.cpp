@@ -274,8 +274,12 @@ std::string HistoryDatabase::Why(int code) const {
             return "it is read-only";
         case SQLITE_CANTOPEN: {
             const int error = db_ != nullptr ? sqlite3_system_errno(db_) : 0;
-            return std::string("it cannot be opened") +
-                   (error != 0 ? std::string(": ") + std::strerror(error) : std::string());
+            if (error == 0) return "it cannot be opened";
+#ifdef _WIN32
+            return "it cannot be opened: error " + std::to_string(error);  // GetLastError's
+#else
+            return std::string("it cannot be opened: ") + std::strerror(error);
+#endif
         }
         default:
             return db_ != nullptr ? Printable(sqlite3_errmsg(db_)) : sqlite3_errstr(code);
