@@ -529,19 +529,21 @@ std::string HistoryTable(const std::vector<ordered_json>& entries) {
     return text;
 }
 
+std::string CsvCell(const std::string& raw) {
+    std::string text = Printable(raw);
+    if (!text.empty() && std::strchr("=+-@", text[0]) != nullptr) text.insert(text.begin(), '\'');
+    if (text.find_first_of(",\"") == std::string::npos) return text;
+    std::string quoted = "\"";
+    for (const char c : text) {
+        if (c == '"') quoted += '"';  // doubled
+        quoted += c;
+    }
+    quoted += '"';
+    return quoted;
+}
+
 std::string HistoryCsv(const std::vector<ordered_json>& entries) {
-    const auto cell = [](const std::string& raw) {
-        std::string text = Printable(raw);
-        if (!text.empty() && std::strchr("=+-@", text[0]) != nullptr) text.insert(text.begin(), '\'');
-        if (text.find_first_of(",\"") == std::string::npos) return text;
-        std::string quoted = "\"";
-        for (const char c : text) {
-            if (c == '"') quoted += '"';  // doubled
-            quoted += c;
-        }
-        quoted += '"';
-        return quoted;
-    };
+    const auto cell = [](const std::string& raw) { return CsvCell(raw); };
     std::string text;
     for (size_t c = 0; c < kColumnCount; ++c) {
         if (c > 0) text += ',';

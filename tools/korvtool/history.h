@@ -103,4 +103,9 @@ std::string HistoryTable(const std::vector<nlohmann::ordered_json>& entries);
 // take for a formula (= + - @ first) kept as text by a leading '.
 std::string HistoryCsv(const std::vector<nlohmann::ordered_json>& entries);
 
+// One CSV cell: the text escaped as korvtool prints device texts, quoted
+// when it holds a comma or a quote (RFC 4180), and with a ' before a first
+// character that a spreadsheet would take for a formula.
+std::string CsvCell(const std::string& text);
+
 }  // namespace korvtool

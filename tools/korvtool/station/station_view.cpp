@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "history.h"
 #include "safe_text.h"
 
 namespace korvtool::station {
@@ -154,16 +155,9 @@ std::string SummaryCsv(const ordered_json& summary) {
                                            "usb_after", "mcu_before", "mcu_after", "seconds",
                                            "message"};
     const auto cell = [](const ordered_json& value) {
-        std::string text = value.is_string() ? value.get<std::string>()
-                           : value.is_null() ? std::string()
-                                             : value.dump();
-        if (!text.empty() && std::string("=+-@\t\r").find(text[0]) != std::string::npos &&
-            !value.is_number())
-            text = "'" + text;
-        if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-        std::string quoted = "\"";
-        for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-        return quoted + "\"";
+        return CsvCell(value.is_string() ? value.get<std::string>()
+                       : value.is_null() ? std::string()
+                                         : value.dump());
     };
     std::string text;
     for (const char* column : kColumns) text += std::string(text.empty() ? "" : ",") + column;

@@ -71,9 +71,8 @@ private:
     std::chrono::steady_clock::time_point lastDraw_{};
 };
 
-// The summary as CSV: a header line, then one line per unit (RFC 4180
-// quoting; a cell that a spreadsheet would take for a formula is prefixed
-// with a quote).
+// The summary as CSV: a header line, then one line per unit, cells as the
+// history's CSV has them.
 std::string SummaryCsv(const nlohmann::ordered_json& summary);
 
 }  // namespace korvtool::station
