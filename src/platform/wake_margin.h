@@ -6,11 +6,13 @@
 // therefore sleeps to `deadline - margin` and spins the little that is left
 // when it wakes before the deadline. The margin is learned per thread from
 // how late its own sleeps woke (a running mean), so that the spin is what
-// this machine needs and no more: on a quiet machine a few microseconds per
-// wait, and when the cores are shared by many waiting threads their wakes
-// grow late, the margin with them, and the spin stays near nothing (a thread
-// that wakes after `deadline - margin` has nothing left to spin). It never
-// goes above kMaxNs, so one wait never spins longer than that.
+// this machine needs and no more: a few microseconds per wait, measured
+// with one thread and with eight waiting at once on two cores (docs/
+// design-notes.md). When the cores are busy the wakes grow late and the
+// margin with them, but a thread that wakes after `deadline - margin` has
+// nothing left to spin. The margin never goes above kMaxNs, so one wait
+// never spins longer than that; a timer that wakes later than that (Wine's)
+// ends the wait late.
 #pragma once
 
 #include <algorithm>
