@@ -14,4 +14,11 @@ int DriveUsbUpdate(const std::string& self, int reps);
 int RunMcuUpdate(uint32_t imageBytes, bool realisticBusy, uint32_t latencyMs);
 int DriveMcuUpdate(const std::string& self, int reps);
 
+// Lateness and CPU time of the device waits (waits_bench.cpp).
+int DriveWaits();
+
+// Eight units updated at once by korvtool's station against one alone
+// (station_bench.cpp). `korvtool` is the program's path.
+int DriveStation(const std::string& korvtool, int reps);
+
 }  // namespace korvbench

@@ -1,8 +1,8 @@
-// korvsdk_bench [--reps N] [usb|mcu]
+// korvsdk_bench [--reps N] [usb|mcu|waits|station]
 //
 // Benchmarks of the firmware updates on the virtual capture device (see
-// usb_update_bench.cpp and mcu_update_bench.cpp for what each line means).
-// Without a case name both run. "--run ..." is one run, in a child process.
+// usb_update_bench.cpp, mcu_update_bench.cpp, waits_bench.cpp and
+// station_bench.cpp for what each line means). Without a case name all run. "--run ..." is one run, in a child process.
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,10 +29,11 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--reps") == 0 && i + 1 < argc) {
             reps = std::max(1, std::atoi(argv[++i]));
-        } else if (std::strcmp(argv[i], "usb") == 0 || std::strcmp(argv[i], "mcu") == 0) {
+        } else if (std::strcmp(argv[i], "usb") == 0 || std::strcmp(argv[i], "mcu") == 0 ||
+                   std::strcmp(argv[i], "waits") == 0 || std::strcmp(argv[i], "station") == 0) {
             only = argv[i];
         } else {
-            std::fprintf(stderr, "usage: %s [--reps N] [usb|mcu]\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--reps N] [usb|mcu|waits|station]\n", argv[0]);
             return 2;
         }
     }
@@ -41,7 +42,11 @@ int main(int argc, char** argv) {
     if (n <= 0) return Fail("cannot find the program's own path");
     const std::string program(self, static_cast<size_t>(n));
     int failures = 0;
-    if (only != "mcu") failures += DriveUsbUpdate(program, reps);
-    if (only != "usb") failures += DriveMcuUpdate(program, reps);
+    if (only.empty() || only == "usb") failures += DriveUsbUpdate(program, reps);
+    if (only.empty() || only == "mcu") failures += DriveMcuUpdate(program, reps);
+    if (only.empty() || only == "waits") failures += DriveWaits();
+    // korvtool is built beside the benchmark (scripts/bench.sh).
+    if (only.empty() || only == "station")
+        failures += DriveStation(program.substr(0, program.rfind('/') + 1) + "korvtool", reps);
     return failures == 0 ? 0 : 1;
 }

@@ -8,7 +8,7 @@
 // and, for L = 0, a second line with the host cost of a data report, a
 // plain memcpy of the same size, the peak RSS rise and the image size:
 //
-//   bench case=NAME host_us_per_data_report=H memcpy_us_per_report=M peak_rss_rise_mib=P image_mib=I
+//   bench case=NAME host_us_per_data_report=H memcpy_us_per_report=M peak_rss_rise_mib=P image_mib=I device_pages_mib=D library_rise_mib=B library_within_image_plus_1=yes|no
 //
 // N  report transfers of the update, as the virtual device counted them.
 // W  wall time from the start call to the end of the writer thread.
@@ -30,7 +30,13 @@
 //    into the buffer the update re-reads it into) to the end of the writer:
 //    the peak mark is reset first (/proc/self/clear_refs), then VmHWM after
 //    the run minus VmRSS before it (after malloc_trim, so that memory freed
-//    earlier does not hide what the update takes).
+//    earlier does not hide what the update takes). It holds the virtual
+//    device's flash too: its pages are shared until written, so every 4 KiB
+//    the update writes is a new page of the device's.
+// D  what those new pages take (4 KiB each), from the flash's own count.
+// B  the library's own rise: P - D, the largest over the runs; it should
+//    stay within the image size plus 1 MiB (the last field says whether it
+//    does).
 #include <malloc.h>
 
 #include <algorithm>
@@ -162,6 +168,7 @@ int RunUsbUpdate(bool firmwareArea, uint32_t latencyMs) {
     malloc_trim(0);
     const bool peakReset = ResetPeakRss();
     const long rssBefore = StatusKib("VmRSS");
+    const size_t pagesBefore = device->Flash(0).OwnPages();
     if (!core->SetFirmwareFile(image.c_str(), vc::kFirmwareUsbHex))
         return Fail("the image was refused");
     core->OpenFwUpdateStateCallback(OnFwState);
@@ -173,6 +180,7 @@ int RunUsbUpdate(bool firmwareArea, uint32_t latencyMs) {
     const Clock::time_point end = Clock::now();
     const uint32_t transfers = device->Transfers(0) - transfersBefore;
     const long peak = StatusKib("VmHWM");
+    const size_t devicePages = device->Flash(0).OwnPages() - pagesBefore;
     vc::FreeDeviceEntries(list, count);
 
     if (!g_completed) return Fail("the update failed");
@@ -181,9 +189,10 @@ int RunUsbUpdate(bool firmwareArea, uint32_t latencyMs) {
                            MsSince(g_marks.verifyStart, g_marks.verifyEnd);
     const uint32_t dataReports = 2 * ((g_marks.writtenBytes + kReportBytes - 1) / kReportBytes);
     std::printf("run transfers=%u wall_ms=%.4f burst_ms=%.4f data_reports=%u rss_rise_kib=%ld "
-                "image_bytes=%u\n",
+                "image_bytes=%u device_kib=%zu\n",
                 transfers, MsSince(start, end), burstMs, dataReports,
-                peakReset && rssBefore >= 0 && peak >= 0 ? peak - rssBefore : -1, imageBytes);
+                peakReset && rssBefore >= 0 && peak >= 0 ? peak - rssBefore : -1, imageBytes,
+                devicePages * (vd::VirtualFlash::kPageSize / 1024));
     return 0;
 }
 
@@ -211,15 +220,23 @@ int DriveUsbUpdate(const std::string& self, int reps) {
             // Host cost: median over the runs; peak RSS rise: the largest.
             std::vector<double> perReport;
             double rise = -1;  // stays -1 when the peak could not be read
+            double library = -1, device = 0;
             for (auto& r : runs) {
                 perReport.push_back(r["burst_ms"] * 1000.0 / r["data_reports"]);
                 rise = std::max(rise, r["rss_rise_kib"]);
+                if (r["rss_rise_kib"] >= 0 && r["rss_rise_kib"] - r["device_kib"] > library) {
+                    library = r["rss_rise_kib"] - r["device_kib"];
+                    device = r["device_kib"];
+                }
             }
+            const double imageMib = mid["image_bytes"] / (1024.0 * 1024.0);
             if (memcpyUs < 0) memcpyUs = MemcpyMicroseconds(static_cast<size_t>(mid["image_bytes"]));
             std::printf("bench case=%s host_us_per_data_report=%.2f memcpy_us_per_report=%.3f "
-                        "peak_rss_rise_mib=%.2f image_mib=%.2f\n",
+                        "peak_rss_rise_mib=%.2f image_mib=%.2f device_pages_mib=%.2f "
+                        "library_rise_mib=%.2f library_within_image_plus_1=%s\n",
                         c.name, Median(perReport), memcpyUs, rise < 0 ? -1.0 : rise / 1024.0,
-                        mid["image_bytes"] / (1024.0 * 1024.0));
+                        imageMib, device / 1024.0, library < 0 ? -1.0 : library / 1024.0,
+                        library >= 0 && library / 1024.0 <= imageMib + 1 ? "yes" : "no");
             std::fflush(stdout);
         }
     }

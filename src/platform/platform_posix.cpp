@@ -1,6 +1,7 @@
 // Platform glue for Linux and other POSIX systems.
 #include "platform/platform.h"
 #include "platform/system_log.h"
+#include "platform/wake_margin.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -65,17 +66,19 @@ void SleepMilliseconds(uint32_t milliseconds) {
     // the scheduler's wake-up, a few tens of microseconds on bare metal and
     // often several hundred in a virtual machine. Over the thousands of 1 ms
     // and 10 ms waits of a firmware update that adds up to seconds, so the
-    // wait sleeps to an absolute deadline just short of the end and spins
-    // the rest.
-    constexpr int64_t kSpinTailNs = 300000;
+    // wait sleeps to an absolute deadline short of the end by what this
+    // thread's sleeps have lately woken late (wake_margin.h) and spins what
+    // is left, if anything.
+    thread_local WakeMargin margin;
     const int64_t deadline = MonotonicNanoseconds() + int64_t{milliseconds} * 1000000;
     if (milliseconds > 0) {
-        const int64_t wakeAt = deadline - kSpinTailNs;
+        const int64_t wakeAt = deadline - margin.Ns();
         const timespec wake{static_cast<time_t>(wakeAt / 1000000000),
                             static_cast<long>(wakeAt % 1000000000)};
         // A signal may cut the sleep short; the deadline stays where it is.
         while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &wake, nullptr) == EINTR) {
         }
+        margin.Learn(MonotonicNanoseconds() - wakeAt);
     }
     while (MonotonicNanoseconds() < deadline) {
     }

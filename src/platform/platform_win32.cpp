@@ -1,5 +1,6 @@
 // Platform glue for Windows.
 #include "platform/platform.h"
+#include "platform/wake_margin.h"
 
 #include <windows.h>
 #include <shlobj.h>
@@ -53,20 +54,30 @@ void SleepMilliseconds(uint32_t milliseconds) {
     // program raised its rate: a 1 ms page wait of a microcontroller update
     // could take 16. A high-resolution waitable timer (Windows 10 1803 and
     // later) wakes within a fraction of a millisecond; the wait sleeps on it
-    // to just short of the deadline and spins the rest on the performance
-    // counter. Where that timer is missing it falls back to Sleep().
+    // to short of the deadline by what this thread's sleeps have lately woken
+    // late (wake_margin.h) and spins what is left, if anything, on the
+    // performance counter. Where that timer is missing it falls back to
+    // Sleep(), which ends past the deadline.
     constexpr DWORD kHighResolution = 0x00000002;  // CREATE_WAITABLE_TIMER_HIGH_RESOLUTION
-    constexpr LONGLONG kSpinTailUs = 500;
+    thread_local WakeMargin margin;
     LARGE_INTEGER frequency{}, now{};
     QueryPerformanceFrequency(&frequency);
+    const auto nanoseconds = [&frequency](LONGLONG ticks) {
+        return ticks / frequency.QuadPart * 1000000000 +
+               ticks % frequency.QuadPart * 1000000000 / frequency.QuadPart;
+    };
     QueryPerformanceCounter(&now);
-    const LONGLONG deadline = now.QuadPart + frequency.QuadPart * milliseconds / 1000;
+    const LONGLONG start = now.QuadPart;
+    const LONGLONG deadline = start + frequency.QuadPart * milliseconds / 1000;
     if (milliseconds > 0) {
         HANDLE timer = CreateWaitableTimerExW(nullptr, nullptr, kHighResolution, TIMER_ALL_ACCESS);
+        const LONGLONG sleepNs = LONGLONG{milliseconds} * 1000000 - margin.Ns();
         LARGE_INTEGER due{};
-        due.QuadPart = -10 * (LONGLONG{milliseconds} * 1000 - kSpinTailUs);  // relative, 100 ns
+        due.QuadPart = -(sleepNs / 100);  // relative, in 100 ns, rounded down
         if (timer != nullptr && SetWaitableTimer(timer, &due, 0, nullptr, nullptr, FALSE)) {
             WaitForSingleObject(timer, INFINITE);
+            QueryPerformanceCounter(&now);
+            margin.Learn(nanoseconds(now.QuadPart - start) - sleepNs);
         } else {
             Sleep(milliseconds);
         }

@@ -120,6 +120,11 @@ void VirtualFlash::NoteWrite(uint32_t address, uint32_t n) {
     }
 }
 
+size_t VirtualFlash::OwnPages() const {
+    return static_cast<size_t>(std::count_if(pages_.begin(), pages_.end(),
+                                             [](const auto& page) { return page.use_count() == 1; }));
+}
+
 void VirtualFlash::EraseAll() {
     std::fill(pages_.begin(), pages_.end(), ErasedPage());
     firmwareStart_ = firmwareEnd_ = 0;

@@ -44,6 +44,9 @@ public:
 
     // Erase units programmed into since construction.
     uint64_t SectorErases() const { return sectorErases_; }
+    // Pages this flash holds alone: the memory its writes have taken
+    // (kPageSize each), which shared pages do not.
+    size_t OwnPages() const;
 
     // A new write session: the bridge's flash window was set up again.
     // Writes of one session follow each other from the window's start.

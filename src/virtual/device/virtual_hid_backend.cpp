@@ -8,6 +8,7 @@
 #include <cstring>
 #include <thread>
 
+#include "platform/platform.h"
 #include "virtual/device/report_descriptor_builder.h"
 
 namespace VideoConsoleCore::virtualdev {
@@ -230,18 +231,12 @@ void VirtualHidBackend::Wait(hid::HidHandle handle) {
         const auto it = open_.find(reinterpret_cast<uintptr_t>(handle));
         if (it != open_.end()) latency = devices_[it->second.device]->config.latencyMs;
     }
-    if (latency == 0) return;
-    // A transfer takes `latency` ms, exactly: the benchmark holds the
-    // library's time against the sum of these. A sleeping thread wakes late
-    // (in a virtual machine often by a few hundred microseconds, now and then
-    // by milliseconds), so the model spins: all of a short latency, the last
-    // two milliseconds of a long one.
-    using Clock = std::chrono::steady_clock;
-    constexpr auto kSpin = std::chrono::milliseconds(2);
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(latency);
-    if (latency > 2) std::this_thread::sleep_until(deadline - kSpin);
-    while (Clock::now() < deadline) {
-    }
+    // A transfer takes `latency` ms, never less: the benchmark holds the
+    // library's time against the sum of these. The library's own device
+    // wait gives that without keeping a core busy for the whole time, which
+    // matters when many devices (each in a process of its own) transfer at
+    // once; see platform::SleepMilliseconds.
+    if (latency != 0) platform::SleepMilliseconds(latency);
 }
 
 bool VirtualHidBackend::EnumerateUsbDevices(std::vector<hid::UsbDeviceInfo>& out) {

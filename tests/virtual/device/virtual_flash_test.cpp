@@ -30,3 +30,28 @@ TEST(VirtualFlash, AWriteStaysInTheFlashItWasMadeTo) {
         EXPECT_TRUE(kept[0] == image[at] && kept[1] == image[at + 1]) << std::hex << at;
     }
 }
+
+// A flash's own pages are the memory its writes took: one per page a write
+// first lands in, none for a page it already holds, none once erased.
+TEST(VirtualFlash, CountsThePagesItsWritesTook) {
+    const VirtualDeviceConfig config;
+    VirtualFlash flash(FlashGeometryFor(config.flashIndex));
+    flash.WriteFactoryImage(config);
+    const uint8_t bytes[2] = {0x5A, 0xA5};
+    struct Step {
+        uint32_t at;
+        size_t pagesAfter;
+    } const steps[] = {
+        {0x0000, 1},                  // a page of the factory image
+        {0x0010, 1},                  // the same page again
+        {0x7FFFFF, 3},                // across a page's end: two more
+        {flash_layout::kPrivateStart, 4},
+    };
+    EXPECT_EQ(flash.OwnPages(), 0u);
+    for (const Step& s : steps) {
+        flash.Write(s.at, bytes, 2);
+        EXPECT_EQ(flash.OwnPages(), s.pagesAfter) << std::hex << s.at;
+    }
+    flash.EraseAll();
+    EXPECT_EQ(flash.OwnPages(), 0u);
+}
