@@ -35,8 +35,13 @@ std::string PhaseOf(const std::string& state, const std::string& message, bool m
 std::string Bar(double percent, int width) {
     const double clamped = std::clamp(percent, 0.0, 100.0);
     const int filled = static_cast<int>(clamped / 100.0 * width + 0.5);
-    return "[" + std::string(static_cast<size_t>(filled), '#') +
-           std::string(static_cast<size_t>(width - filled), '.') + "]";
+    // Filled in place: GCC 12's Release build warns falsely (-Wrestrict)
+    // about the concatenation of temporaries.
+    std::string bar(static_cast<size_t>(width) + 2, '.');
+    bar.front() = '[';
+    bar.back() = ']';
+    bar.replace(1, static_cast<size_t>(filled), static_cast<size_t>(filled), '#');
+    return bar;
 }
 
 std::string Duration(double seconds) {
