@@ -82,7 +82,8 @@ TEST_F(Station, EightUnitsAtOnceEachInTheHistoryAndTheSummary) {
     const std::string cfg = Settings(Bench(8, replugs));
     const ProcessResult result =
         Run({"--config", cfg, "--json", "station", "--usb", "fw.hex", "--mcu", "mcu.bin",
-             "--wait-replug", "30", "--run-dir", "run", "--report", "units.csv"});
+             "--wait-replug", "30", "--backup-dir", "backups", "--run-dir", "run", "--report",
+             "units.csv"});
     ASSERT_EQ(result.exitCode, 0) << result.out << result.err;
     const std::vector<json> events = Events(result.out);
     ASSERT_FALSE(events.empty());
@@ -98,6 +99,11 @@ TEST_F(Station, EightUnitsAtOnceEachInTheHistoryAndTheSummary) {
     }
     EXPECT_EQ(serials.size(), 8u);
     EXPECT_EQ(workers.size(), 8u);  // a process of its own each
+    // One backup per unit, named by its serial.
+    std::set<std::string> backups;
+    for (const auto& file : std::filesystem::directory_iterator(WorkFolder() / "backups"))
+        backups.insert(file.path().filename().string().substr(0, 10));
+    EXPECT_EQ(backups, serials);
 
     const std::map<std::string, json> units = SummaryUnits("run");
     ASSERT_EQ(units.size(), 8u);
@@ -117,7 +123,7 @@ TEST_F(Station, EightUnitsAtOnceEachInTheHistoryAndTheSummary) {
     ASSERT_EQ(records.size(), 8u);
     for (const json& record : records) {
         EXPECT_EQ(record["result"], "pass");
-        EXPECT_EQ(record["steps"].size(), 4u) << record.dump();  // check, mcu, usb, replug
+        EXPECT_EQ(record["steps"].size(), 5u) << record.dump();  // check, backup, mcu, usb, replug
     }
 }
 
