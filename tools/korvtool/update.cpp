@@ -336,28 +336,48 @@ std::string InstalledVersion(Session& session, bool mcu) {
     return VersionForm(TakeText(mcu ? KORVSDK_Get_MCU_FW_Ver() : KORVSDK_Get_USB_FW_Ver()), mcu);
 }
 
-ImageCheck CheckImage(Session& session, const DeviceChoice& choice, const UpdateRequest& request) {
+namespace {
+
+// A file to give the library, or a UsageError.
+void RequireImageFile(const UpdateRequest& request) {
     std::error_code error;
     if (!std::filesystem::is_regular_file(request.file, error)) {
         throw UsageError("the image '" + request.file + "' does not exist: give the path of a " +
                          (request.mcu ? "*.bin program image" : "*.hex flash image"));
     }
+}
+
+// Gives the library the image for the selected device: its version in
+// korvtool's form, or "" with the library's reason for refusing it in
+// `reason`.
+std::string SetImage(Session& session, FirmwareCallback& callback, const UpdateRequest& request,
+                     std::string& reason) {
+    session.BeginCall();
+    const bool set = (request.mcu ? KORVSDK_Set_MCU_BinFile(request.file.c_str())
+                                  : KORVSDK_Set_USB_HexFile(request.file.c_str())) != 0;
+    for (const Record& record : callback.Drain())
+        if (!record.fileText.empty()) reason = record.fileText;
+    const std::string libraryWords = session.LastWords();
+    const std::string version = VersionForm(
+        TakeText(request.mcu ? KORVSDK_Get_MCU_BinFile_Ver() : KORVSDK_Get_USB_HexFile_Ver()),
+        request.mcu);
+    callback.Drain();  // the getter repeats the version
+    if (set && !version.empty()) return version;
+    if (reason.empty()) reason = libraryWords.empty() ? "it is not an image" : libraryWords;
+    return "";
+}
+
+}  // namespace
+
+ImageCheck CheckImage(Session& session, const DeviceChoice& choice, const UpdateRequest& request) {
+    RequireImageFile(request);
     session.Select(choice);
     ImageCheck check;
     check.before = InstalledVersion(session, request.mcu);
     FirmwareCallback callback(request.mcu);
-    session.BeginCall();
-    const bool set = (request.mcu ? KORVSDK_Set_MCU_BinFile(request.file.c_str())
-                                  : KORVSDK_Set_USB_HexFile(request.file.c_str())) != 0;
     std::string reason;
-    for (const Record& record : callback.Drain())
-        if (!record.fileText.empty()) reason = record.fileText;
-    const std::string libraryWords = session.LastWords();
-    check.fileVersion = VersionForm(
-        TakeText(request.mcu ? KORVSDK_Get_MCU_BinFile_Ver() : KORVSDK_Get_USB_HexFile_Ver()),
-        request.mcu);
-    if (!set || check.fileVersion.empty()) {
-        if (reason.empty()) reason = libraryWords.empty() ? "it is not an image" : libraryWords;
+    check.fileVersion = SetImage(session, callback, request, reason);
+    if (check.fileVersion.empty()) {
         throw Failure("'" + request.file + "' was refused: " + reason + " - " +
                       Advice(session, reason, request.mcu));
     }
@@ -368,11 +388,8 @@ ImageCheck CheckImage(Session& session, const DeviceChoice& choice, const Update
 CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const UpdateRequest& request,
                         ProgressDisplay& display) {
     const char* kind = request.mcu ? "MCU" : "USB";
+    RequireImageFile(request);
     std::error_code error;
-    if (!std::filesystem::is_regular_file(request.file, error)) {
-        throw UsageError("the image '" + request.file + "' does not exist: give the path of a " +
-                         (request.mcu ? "*.bin program image" : "*.hex flash image"));
-    }
     const uintmax_t fileSize = std::filesystem::file_size(request.file, error);
 
     const size_t index = session.Select(choice);
@@ -389,20 +406,10 @@ CommandResult RunUpdate(Session& session, const DeviceChoice& choice, const Upda
     history["version_before"] = before;
 
     FirmwareCallback callback(request.mcu);
-    session.BeginCall();
-    const bool set = (request.mcu ? KORVSDK_Set_MCU_BinFile(request.file.c_str())
-                                  : KORVSDK_Set_USB_HexFile(request.file.c_str())) != 0;
     std::string reason;
-    for (const Record& record : callback.Drain())
-        if (!record.fileText.empty()) reason = record.fileText;
-    const std::string libraryWords = session.LastWords();
-    const std::string version = VersionForm(
-        TakeText(request.mcu ? KORVSDK_Get_MCU_BinFile_Ver() : KORVSDK_Get_USB_HexFile_Ver()),
-        request.mcu);
-    callback.Drain();  // the getter repeats the version
+    const std::string version = SetImage(session, callback, request, reason);
     history["file_version"] = version;
-    if (!set || version.empty()) {
-        if (reason.empty()) reason = libraryWords.empty() ? "it is not an image" : libraryWords;
+    if (version.empty()) {
         history.Write(display, "refused", reason);
         throw Failure("'" + request.file + "' was refused: " + reason + " - " +
                       Advice(session, reason, request.mcu));

@@ -40,17 +40,6 @@ private:
     void (*previous_)(int);
 };
 
-std::string FileNamePart(const std::string& text) {
-    std::string part;
-    for (const char c : text) {
-        const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
-                           (c >= 'a' && c <= 'z') || c == '-' || c == '_' || c == '.';
-        part += plain ? c : '_';
-    }
-    if (part.empty() || part.find_first_not_of('.') == std::string::npos) part = "unit";
-    return part;
-}
-
 std::string NewRunId() {
     std::string id;
     for (const char c : UtcTimeNow())
@@ -528,6 +517,17 @@ int Station::Run() {
 }
 
 }  // namespace
+
+std::string FileNamePart(const std::string& text) {
+    std::string part;
+    for (const char c : text) {
+        const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
+                           (c >= 'a' && c <= 'z') || c == '-' || c == '_' || c == '.';
+        part += plain ? c : '_';
+    }
+    if (part.empty() || part.find_first_not_of('.') == std::string::npos) part = "unit";
+    return part;
+}
 
 int RunStation(Session& session, const StationOptions& options, DisplayMode mode) {
     for (const std::string& report : options.reports) {

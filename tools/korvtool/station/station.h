@@ -62,6 +62,10 @@ struct UnitJob {
 // status: 0 passed or up to date, 1 failed.
 int RunStationUnit(Session& session, const UnitJob& job);
 
+// A serial number or location as part of a file name: letters, digits,
+// '-', '_' and '.' kept, anything else (a path separator above all) '_'.
+std::string FileNamePart(const std::string& text);
+
 // The host's name, for the default station name ("station" when unknown).
 std::string HostName();
 

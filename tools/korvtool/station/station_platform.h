@@ -57,6 +57,21 @@ public:
     struct Native;  // the platform's handles
 
 private:
+    // Moves the complete lines of `pending_` (and, once the output has
+    // ended, the rest) into `lines`, without their line ends.
+    void TakeLines(std::vector<std::string>& lines) {
+        for (size_t end; (end = pending_.find('\n')) != std::string::npos;) {
+            std::string line = pending_.substr(0, end);
+            if (!line.empty() && line.back() == '\r') line.pop_back();
+            lines.push_back(std::move(line));
+            pending_.erase(0, end + 1);
+        }
+        if (outputEnded_ && !pending_.empty()) {
+            lines.push_back(pending_);
+            pending_.clear();
+        }
+    }
+
     friend void WaitForOutput(const std::vector<ChildProcess*>& children, int milliseconds);
 
     std::unique_ptr<Native> native_;

@@ -102,14 +102,7 @@ bool ChildProcess::ReadLines(std::vector<std::string>& lines) {
         if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
         outputEnded_ = true;  // end of file, or an error that ends it as well
     }
-    for (size_t end; (end = pending_.find('\n')) != std::string::npos;) {
-        lines.push_back(pending_.substr(0, end));
-        pending_.erase(0, end + 1);
-    }
-    if (outputEnded_ && !pending_.empty()) {
-        lines.push_back(pending_);
-        pending_.clear();
-    }
+    TakeLines(lines);
     return !outputEnded_;
 }
 

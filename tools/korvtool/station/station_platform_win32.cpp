@@ -149,16 +149,7 @@ bool ChildProcess::ReadLines(std::vector<std::string>& lines) {
         }
         pending_.append(buffer, got);
     }
-    for (size_t end; (end = pending_.find('\n')) != std::string::npos;) {
-        std::string line = pending_.substr(0, end);
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        lines.push_back(std::move(line));
-        pending_.erase(0, end + 1);
-    }
-    if (outputEnded_ && !pending_.empty()) {
-        lines.push_back(pending_);
-        pending_.clear();
-    }
+    TakeLines(lines);
     return !outputEnded_;
 }
 

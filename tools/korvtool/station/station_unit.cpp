@@ -19,19 +19,6 @@ using nlohmann::ordered_json;
 
 namespace {
 
-// A serial number or location as part of a file name: letters, digits,
-// '-', '_' and '.' kept, anything else (a path separator above all) '_'.
-std::string FileNamePart(const std::string& text) {
-    std::string part;
-    for (const char c : text) {
-        const bool plain = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
-                           (c >= 'a' && c <= 'z') || c == '-' || c == '_' || c == '.';
-        part += plain ? c : '_';
-    }
-    if (part.empty() || part.find_first_not_of('.') == std::string::npos) part = "unit";
-    return part;
-}
-
 // "20261125T014500Z": a time for file names.
 std::string CompactTime() {
     std::string time = UtcTimeNow();  // 2026-11-25T01:45:00Z
